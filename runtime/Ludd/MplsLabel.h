@@ -1,0 +1,93 @@
+// MPLS labels and label stacks.
+//
+// MplsLabel holds a 20-bit label; the value 1048576 (0x100000, one above the largest label)
+// means "no label" and is the default. MplsLabelOperation is a stack of at most six labels with
+// its size; it is a fixed 36-byte record so that it can sit in shared-memory input records.
+// Positions at or above the size always hold the no-label value, so equality and hashing may
+// look at all six positions.
+#pragma once
+
+#include <initializer_list>
+#include <ostream>
+
+#include "Ludd/Ludd.h"
+#include "Mosk/Value.h"
+
+namespace Ludd {
+
+class MplsLabel {
+ public:
+  static constexpr U32 max = 0xFFFFF;
+  static constexpr U32 noLabel = 0x100000;
+
+  constexpr MplsLabel() = default;
+  // Accepts 0..1048575 and the no-label value 1048576.
+  explicit MplsLabel(U32 value) : value_(value) {
+    if (value > noLabel) {
+      throw Mosk::RangeException(
+          "MplsLabel::value < MplsLabel::min or > MplsLabel::max not allowed");
+    }
+  }
+  static constexpr MplsLabel none() { return MplsLabel(); }
+
+  U32 value() const { return value_; }
+  bool isNone() const { return value_ == noLabel; }
+
+  bool operator==(MplsLabel const&) const = default;
+  auto operator<=>(MplsLabel const&) const = default;
+  U32 hash() const { return Mosk::hashU32(value_); }
+  void strep(std::ostream& os) const { os << value_; }
+  static MplsLabel strepRead(Mosk::TextReader& r) {
+    return MplsLabel(static_cast<U32>(r.readUnsigned(Mosk::maxU32, "MPLS label")));
+  }
+
+ private:
+  U32 value_ = noLabel;
+};
+
+class MplsLabelOperation {
+ public:
+  static constexpr U32 capacity = 6;
+
+  MplsLabelOperation() { clear(); }
+  // A stack of the given labels at positions 0, 1, ...; more than six raise the stack-index
+  // range error.
+  MplsLabelOperation(std::initializer_list<U32> labels);
+
+  U8 size() const { return static_cast<U8>(size_); }
+  // Sets the size; positions at or above it are reset to the no-label value.
+  void sizeIs(U32 size);
+  MplsLabel label(MplsStackEntryIndex const& i) const { return MplsLabel(labels_[i.value()]); }
+  MplsLabel label(U32 i) const { return label(MplsStackEntryIndex(i)); }
+  // Writes one position; the size is not changed.
+  void labelIs(MplsStackEntryIndex const& i, MplsLabel const& label) {
+    labels_[i.value()] = label.value();
+  }
+  // Writes the position at the current size and grows the size by one.
+  void push(MplsLabel const& label);
+  void clear();
+  // Restores the invariant on a record copied in from outside (positions above the size reset,
+  // a size above six clamped); returns false when the record was malformed.
+  bool normalize();
+
+  bool operator==(MplsLabelOperation const& o) const;
+  // Shorter stacks first, then position by position.
+  bool operator<(MplsLabelOperation const& o) const;
+  U32 hash() const;
+  // "[16001, 16002]": the labels at positions 0 to size-1.
+  void strep(std::ostream& os) const;
+  static MplsLabelOperation strepRead(Mosk::TextReader& r);
+
+ private:
+  U32 labels_[capacity];
+  U32 size_;
+  U32 reserved_[2];  // part of the 36-byte record layout, always zero
+};
+
+static_assert(sizeof(MplsLabel) == 4);
+static_assert(sizeof(MplsLabelOperation) == 36);
+
+std::ostream& operator<<(std::ostream& os, MplsLabel const& l);
+std::ostream& operator<<(std::ostream& os, MplsLabelOperation const& op);
+
+}  // namespace Ludd

@@ -1,0 +1,24 @@
+#!/usr/bin/env bash
+# Builds the project and runs every test. With --sanitize the build goes to build/asan with
+# AddressSanitizer and UndefinedBehaviorSanitizer. Warnings are errors in both builds.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+scripts/deps.sh
+
+mode=release
+[ "${1:-}" = "--sanitize" ] && mode=asan
+dir=build/$mode
+jobs=$(nproc)
+
+args=(-G Ninja -DSRTE_WERROR=ON)
+if [ $mode = asan ]; then
+  args+=(-DCMAKE_BUILD_TYPE=Debug -DSRTE_SANITIZE=ON)
+else
+  args+=(-DCMAKE_BUILD_TYPE=RelWithDebInfo)
+fi
+
+cmake -S . -B "$dir" "${args[@]}" >/dev/null
+cmake --build "$dir" -j "$jobs"
+export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:strict_string_checks=1
+export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
+ctest --test-dir "$dir" -j "$jobs" --output-on-failure --timeout 600
