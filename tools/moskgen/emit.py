@@ -540,7 +540,7 @@ def emit_entity_source(o, e, model):
         o(f"{n}::{n}(Mosk::Name name) : {e.base or 'Mosk::NamedEntity'}(std::move(name)) {{}}")
     else:
         inits = ", ".join(f"{p.name}_({p.name})" for p in e.params)
-        o(f"{n}::{n}({elem_ctor_params(e, model)}) : {inits} {{}}")
+        o(f"{n}::{n}({elem_ctor_params(e, model)}){' : ' + inits if inits else ''} {{}}")
     o("")
     ent_colls = [c for c in e.colls if c.kind == "entity"]
     if ent_colls:
@@ -563,13 +563,13 @@ def emit_entity_coll_source(o, e, c, model):
         o("  if (!element) {")
         o(f"    throw Mosk::RangeException(Mosk::nullMutatorMessage(\"{nm}\", \"{e.qualified}\"));")
         o("  }")
-        o(f"  {c.key.text} const& key = element->{kp.name}();")
-        o(f"  if ({nm}_.find(key) == element.ptr()) return;")
-        o(f"  if (auto old = {nm}_.erase(key)) old->parentIs(nullptr);")
+        o(f"  {c.key.text} const& elementKey = element->{kp.name}();")
+        o(f"  if ({nm}_.find(elementKey) == element.ptr()) return;")
+        o(f"  if (auto old = {nm}_.erase(elementKey)) old->parentIs(nullptr);")
         o("  element->parentIs(this);")
         o(f"  {nm}_.insert(element);")
-        if note:
-            o(f"  {note}")
+        if c.notify:
+            o(f"  {notify_call(c, c.key.text, 'elementKey')}")
         o("}")
         o("")
     else:
@@ -600,12 +600,11 @@ def emit_entity_coll_source(o, e, c, model):
         o("")
         o(f"Mosk::Ptr<{el.name}> {n}::new{C}({ps}) {{")
         o(f"  Mosk::Ptr<{el.name}> element = {lower_first(el.name)}Factory({args});")
-        o(f"  {c.key.text} const& key = element->{kp.name}();")
-        o(f"  if (auto old = {nm}_.erase(key)) old->parentIs(nullptr);")
+        o(f"  if (auto old = {nm}_.erase({kp.name})) old->parentIs(nullptr);")
         o("  element->parentIs(this);")
         o(f"  {nm}_.insert(element);")
-        if note:
-            o(f"  {note}")
+        if c.notify:
+            o(f"  {notify_call(c, c.key.text, kp.name)}")
         o("  return element;")
         o("}")
         o("")
