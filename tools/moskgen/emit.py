@@ -11,6 +11,12 @@ def cap(name):
     return name[0].upper() + name[1:]
 
 
+def member(name):
+    """The data member behind an attribute; a name that ends in '_' would otherwise give a
+    reserved identifier with a double underscore."""
+    return name[:-1] + "Attr_" if name.endswith("_") else name + "_"
+
+
 class Out:
     def __init__(self):
         self.lines = []
@@ -48,6 +54,9 @@ def emit_scalar(o, v, model):
         lo, hi, _ = v.range
         o(f"  static constexpr {u} min = {lo};")
         o(f"  static constexpr {u} max = {hi};")
+    if v.marker:
+        o("  // A reserved value beyond the range that is still accepted.")
+        o(f"  static constexpr {u} {v.marker[0]} = {v.marker[1]};")
     o(f"  {v.name}() = default;")
     if v.range:
         o(f"  explicit {v.name}({u} value) : value_(value) {{ check(value); }}")
@@ -92,7 +101,8 @@ def emit_scalar(o, v, model):
     o(" private:")
     if v.range:
         o(f"  static void check({u} value) {{")
-        o(f"    if (Mosk::outOfRange(value, min, max)) {{")
+        beside = f" && value != {v.marker[0]}" if v.marker else ""
+        o(f"    if (Mosk::outOfRange(value, min, max){beside}) {{")
         o(f"      throw Mosk::RangeException({v.range[2]});")
         o("    }")
         o("  }")
@@ -319,7 +329,8 @@ def emit_entity(o, e, model):
     kp = e.key_param
     if kp:
         o("  struct KeyOf {")
-        o(f"    {kp.type.text} const& operator()({n} const& e) const {{ return e.{kp.name}_; }}")
+        key_member = member(kp.name)
+        o(f"    {kp.type.text} const& operator()({n} const& e) const {{ return e.{key_member}; }}")
         o("  };")
         o("")
     # Constructor and destructor.
@@ -331,12 +342,12 @@ def emit_entity(o, e, model):
     if any(c.kind == "entity" for c in e.colls):
         o(f"  ~{n}() override;")
     if kp:
-        o(f"  Mosk::Name name() const override {{ return Mosk::valueToStrep({kp.name}_); }}")
+        o(f"  Mosk::Name name() const override {{ return Mosk::valueToStrep({member(kp.name)}); }}")
     elif e.anonymous:
         o("  Mosk::Name name() const override { return {}; }")
     o("")
     for p in e.params:
-        o(f"  {ret(p.type, model)} {p.name}() const {{ return {p.name}_; }}")
+        o(f"  {ret(p.type, model)} {p.name}() const {{ return {member(p.name)}; }}")
         if p.mutable:
             emit_scalar_setter(o, p.name, p.type, model, p.notify)
     for a in e.attrs:
@@ -357,12 +368,12 @@ def emit_entity(o, e, model):
     o(" private:")
     for p in e.params:
         const = "" if p.mutable else " const"
-        o(f"  {p.type.text}{const} {p.name}_;")
+        o(f"  {p.type.text}{const} {member(p.name)};")
     for a in e.attrs:
         init = f"{{{a.default}}}" if a.default is not None else "{}"
-        o(f"  {a.type.text} {a.name}_{init};")
+        o(f"  {a.type.text} {member(a.name)}{init};")
     for c in e.colls:
-        o(f"  {coll_types(c, model)} {c.name}_;")
+        o(f"  {coll_types(c, model)} {member(c.name)};")
     o("};")
     o("")
     fparams = "Mosk::Name name" if e.named else elem_ctor_params(e, model)
@@ -375,8 +386,8 @@ def emit_entity(o, e, model):
 
 def emit_scalar_setter(o, name, t, model, notify):
     o(f"  void {name}Is({t.param(model)} value) {{")
-    o(f"    if ({name}_ == value) return;")
-    o(f"    {name}_ = value;")
+    o(f"    if ({member(name)} == value) return;")
+    o(f"    {member(name)} = value;")
     if notify:
         o(f"    notify(&NotifieeConst::on{cap(name)});")
     o("  }")
@@ -386,79 +397,85 @@ def emit_attr(o, e, a, model):
     t = a.type
     if t.is_ptr:
         pconst = " const" if t.pointee_const else ""
-        o(f"  Mosk::Ptr<{t.pointee} const> {a.name}() const {{ return {a.name}_; }}")
+        o(f"  Mosk::Ptr<{t.pointee} const> {a.name}() const {{ return {member(a.name)}; }}")
         if not t.pointee_const:
-            o(f"  Mosk::Ptr<{t.pointee}> {a.name}() {{ return {a.name}_; }}")
+            o(f"  Mosk::Ptr<{t.pointee}> {a.name}() {{ return {member(a.name)}; }}")
         o(f"  void {a.name}Is(Mosk::Ptr<{t.pointee}{pconst}> const& value) {{")
         if not a.nullable:
             o("    if (!value) {")
             o(f"      throw Mosk::RangeException(Mosk::nullMutatorMessage(\"{a.name}\", "
               f"\"{e.qualified}\"));")
             o("    }")
-        o(f"    if ({a.name}_ == value) return;")
-        o(f"    {a.name}_ = value;")
+        o(f"    if ({member(a.name)} == value) return;")
+        o(f"    {member(a.name)} = value;")
         if a.notify:
             o(f"    notify(&NotifieeConst::on{cap(a.name)});")
         o("  }")
         return
-    o(f"  {ret(t, model)} {a.name}() const {{ return {a.name}_; }}")
+    o(f"  {ret(t, model)} {a.name}() const {{ return {member(a.name)}; }}")
     emit_scalar_setter(o, a.name, t, model, a.notify)
     if a.counter:
-        o(f"  void {a.name}Inc({t.param(model)} delta) {{ {a.name}Is({a.name}_ + delta); }}")
+        o(f"  void {a.name}Inc({t.param(model)} delta) {{ {a.name}Is({member(a.name)} + delta); }}")
 
 
 def emit_coll_decl(o, e, c, model):
     k = c.key.param(model)
     nm, C = c.name, c.cap
+    mb = member(nm)
     ty = coll_types(c, model)
     notify = (lambda key: notify_call(c, c.key.text, key)) if c.notify else (lambda key: "")
     o("")
     o(f"  // {nm}")
     if c.kind == "array":
         o(f"  // Positions holding a value.")
-        o(f"  U32 {nm}Count() const {{ return {nm}_.count(); }}")
+        o(f"  U32 {nm}Count() const {{ return {mb}.count(); }}")
     else:
         o(f"  using {C}IterConst = {ty}::CursorConst;")
         if c.kind == "entity":
             o(f"  using {C}Iter = {ty}::Cursor;")
-        o(f"  U32 {nm}Count() const {{ return {nm}_.size(); }}")
+        o(f"  U32 {nm}Count() const {{ return {mb}.size(); }}")
     if c.kind in ("value", "ptr"):
-        o(f"  {C}IterConst {nm}Iter() const {{ return {nm}_.cursor(); }}")
+        o(f"  {C}IterConst {nm}Iter() const {{ return {mb}.cursor(); }}")
         o(f"  // Starts at `key`, or where it would be when absent.")
-        o(f"  {C}IterConst {nm}Iter({k} key) const {{ return {nm}_.cursorAt(key); }}")
+        o(f"  {C}IterConst {nm}Iter({k} key) const {{ return {mb}.cursorAt(key); }}")
     elif c.kind == "entity":
-        o(f"  {C}IterConst {nm}IterConst() const {{ return {nm}_.cursor(); }}")
-        o(f"  {C}Iter {nm}Iter() {{ return {nm}_.cursor(); }}")
+        o(f"  {C}IterConst {nm}IterConst() const {{ return {mb}.cursor(); }}")
+        o(f"  {C}Iter {nm}Iter() {{ return {mb}.cursor(); }}")
         o(f"  // Starts at `key`, or where it would be when absent.")
-        o(f"  {C}IterConst {nm}IterConst({k} key) const {{ return {nm}_.cursorAt(key); }}")
+        o(f"  {C}IterConst {nm}IterConst({k} key) const {{ return {mb}.cursorAt(key); }}")
     if c.kind == "value":
         v = c.value
         if v.text == "bool":
             o(f"  bool {nm}({k} key) const {{")
-            o(f"    bool const* v = {nm}_.find(key);")
+            o(f"    bool const* v = {mb}.find(key);")
             o("    return v != nullptr && *v;")
             o("  }")
         else:
             o(f"  std::optional<{v.text}> {nm}({k} key) const {{")
-            o(f"    auto const* v = {nm}_.find(key);")
+            o(f"    auto const* v = {mb}.find(key);")
             o(f"    return v ? std::optional<{v.text}>(*v) : std::nullopt;")
             o("  }")
-        o(f"  void {nm}Is({k} key, {v.param(model)} value) {{")
+        # A collection keyed by a field of its value takes the value alone.
+        key, params = "key", f"{k} key, {v.param(model)} value"
+        if c.keyed:
+            key, params = f"value.{c.keyed}()", f"{v.param(model)} value"
+            o(f"  // Stores `value` under its {c.keyed}.")
+        o(f"  void {nm}Is({params}) {{")
         if c.notify:
-            o(f"    if ({nm}_.set(key, value) != {ty}::Change::none) {notify('key')}")
+            o(f"    if ({mb}.set({key}, value) != {ty}::Change::none) {notify(key)}")
         else:
-            o(f"    {nm}_.set(key, value);")
+            o(f"    {mb}.set({key}, value);")
         o("  }")
-        o(f"  void new{C}({k} key, {v.param(model)} value) {{")
-        o(f"    {nm}_.set(key, value);")
-        o(f"    {notify('key')}")
+        o(f"  void new{C}({params}) {{")
+        o(f"    {mb}.set({key}, value);")
+        o(f"    {notify(key)}")
         o("  }")
         emit_del(o, c, k, notify)
     elif c.kind == "ptr":
         pconst = " const" if c.value.pointee_const else ""
         pt = f"Mosk::Ptr<{c.value.pointee}{pconst}>"
         o(f"  {pt} {nm}({k} key) const {{")
-        o(f"    auto const* v = {nm}_.find(key);")
+        o(f"    auto const* v = {mb}.find(key);")
         o(f"    return v ? *v : {pt}();")
         o("  }")
         o(f"  // Stores `value` under `key`; a null value removes the key.")
@@ -468,37 +485,37 @@ def emit_coll_decl(o, e, c, model):
         o("      return;")
         o("    }")
         if c.notify:
-            o(f"    if ({nm}_.set(key, value) != {ty}::Change::none) {notify('key')}")
+            o(f"    if ({mb}.set(key, value) != {ty}::Change::none) {notify('key')}")
         else:
-            o(f"    {nm}_.set(key, value);")
+            o(f"    {mb}.set(key, value);")
         o("  }")
         o(f"  void new{C}({k} key, {pt} const& value) {{")
         o("    if (!value) {")
         o(f"      throw Mosk::RangeException(Mosk::nullMutatorMessage(\"{nm}\", \"{e.qualified}\"));")
         o("    }")
-        o(f"    {nm}_.set(key, value);")
+        o(f"    {mb}.set(key, value);")
         o(f"    {notify('key')}")
         o("  }")
         emit_del(o, c, k, notify)
     elif c.kind == "array":
         v = c.value
-        o(f"  {ret(v, model)} {nm}({k} index) const {{ return {nm}_.at(index); }}")
+        o(f"  {ret(v, model)} {nm}({k} index) const {{ return {mb}.at(index); }}")
         o(f"  void {nm}Is({k} index, {v.param(model)} value) {{")
-        o(f"    if ({nm}_.set(index, value)) {notify('index')}")
+        o(f"    if ({mb}.set(index, value)) {notify('index')}")
         o("  }")
         o(f"  void {nm}Del({k} index) {{")
-        o(f"    if ({nm}_.erase(index)) {notify('index')}")
+        o(f"    if ({mb}.erase(index)) {notify('index')}")
         o("  }")
         o(f"  void {nm}DelAll() {{")
         o(f"    for (U32 i = 0; i < {c.capacity}; ++i) {{")
-        o(f"      if (!Mosk::isEmptyValue({nm}_[i])) {nm}Del({c.key.text}(i));")
+        o(f"      if (!Mosk::isEmptyValue({mb}[i])) {nm}Del({c.key.text}(i));")
         o("    }")
         o("  }")
         o(f"  void {nm}Notify({k} index) const {{ {notify('index') or ';'} }}")
     elif c.kind == "entity":
         el = c.elem
-        o(f"  Mosk::Ptr<{el.name} const> {nm}({k} key) const {{ return {nm}_.find(key); }}")
-        o(f"  Mosk::Ptr<{el.name}> {nm}({k} key) {{ return {nm}_.find(key); }}")
+        o(f"  Mosk::Ptr<{el.name} const> {nm}({k} key) const {{ return {mb}.find(key); }}")
+        o(f"  Mosk::Ptr<{el.name}> {nm}({k} key) {{ return {mb}.find(key); }}")
         if c.inserting:
             o(f"  // Inserts `element` under its key, replacing another element of that key.")
             o(f"  void {nm}Is(Mosk::Ptr<{el.name}> const& element);")
@@ -520,16 +537,16 @@ def emit_coll_decl(o, e, c, model):
 
 
 def emit_del(o, c, k, notify):
-    nm = c.name
+    nm, mb = c.name, member(c.name)
     o(f"  void {nm}Del({k} key) {{")
-    o(f"    if ({nm}_.erase(key)) {notify('key')}")
+    o(f"    if ({mb}.erase(key)) {notify('key')}")
     o("  }")
     o(f"  void {nm}DelAll() {{")
     o("    if (!hasNotifiees()) {")
-    o(f"      {nm}_.clear();")
+    o(f"      {mb}.clear();")
     o("      return;")
     o("    }")
-    o(f"    for (auto c = {nm}_.cursor(); c; ++c) {nm}Del(c.key());")
+    o(f"    for (auto c = {mb}.cursor(); c; ++c) {nm}Del(c.key());")
     o("  }")
     o(f"  void {nm}Notify({k} key) const {{ {notify('key') or ';'} }}")
 
@@ -539,14 +556,14 @@ def emit_entity_source(o, e, model):
     if e.named:
         o(f"{n}::{n}(Mosk::Name name) : {e.base or 'Mosk::NamedEntity'}(std::move(name)) {{}}")
     else:
-        inits = ", ".join(f"{p.name}_({p.name})" for p in e.params)
+        inits = ", ".join(f"{member(p.name)}({p.name})" for p in e.params)
         o(f"{n}::{n}({elem_ctor_params(e, model)}){' : ' + inits if inits else ''} {{}}")
     o("")
     ent_colls = [c for c in e.colls if c.kind == "entity"]
     if ent_colls:
         o(f"{n}::~{n}() {{")
         for c in ent_colls:
-            o(f"  for (auto c = {c.name}_.cursor(); c; ++c) c->parentIs(nullptr);")
+            o(f"  for (auto c = {member(c.name)}.cursor(); c; ++c) c->parentIs(nullptr);")
         o("}")
         o("")
     for c in ent_colls:
@@ -555,6 +572,7 @@ def emit_entity_source(o, e, model):
 
 def emit_entity_coll_source(o, e, c, model):
     n, el, nm, C = e.name, c.elem, c.name, c.cap
+    mb = member(nm)
     k = c.key.param(model)
     kp = el.key_param
     note = notify_call(c, c.key.text, "key") if c.notify else ""
@@ -564,10 +582,10 @@ def emit_entity_coll_source(o, e, c, model):
         o(f"    throw Mosk::RangeException(Mosk::nullMutatorMessage(\"{nm}\", \"{e.qualified}\"));")
         o("  }")
         o(f"  {c.key.text} const& elementKey = element->{kp.name}();")
-        o(f"  if ({nm}_.find(elementKey) == element.ptr()) return;")
-        o(f"  if (auto old = {nm}_.erase(elementKey)) old->parentIs(nullptr);")
+        o(f"  if ({mb}.find(elementKey) == element.ptr()) return;")
+        o(f"  if (auto old = {mb}.erase(elementKey)) old->parentIs(nullptr);")
         o("  element->parentIs(this);")
-        o(f"  {nm}_.insert(element);")
+        o(f"  {mb}.insert(element);")
         if c.notify:
             o(f"  {notify_call(c, c.key.text, 'elementKey')}")
         o("}")
@@ -576,7 +594,7 @@ def emit_entity_coll_source(o, e, c, model):
         ps = elem_ctor_params(el, model)
         args = elem_ctor_args(el)
         o(f"Mosk::Ptr<{el.name}> {n}::{nm}Is({ps}) {{")
-        o(f"  if ({el.name}* existing = {nm}_.find({kp.name})) {{")
+        o(f"  if ({el.name}* existing = {mb}.find({kp.name})) {{")
         for p in el.params:
             if p.key or p.mutable:
                 continue
@@ -600,16 +618,16 @@ def emit_entity_coll_source(o, e, c, model):
         o("")
         o(f"Mosk::Ptr<{el.name}> {n}::new{C}({ps}) {{")
         o(f"  Mosk::Ptr<{el.name}> element = {lower_first(el.name)}Factory({args});")
-        o(f"  if (auto old = {nm}_.erase({kp.name})) old->parentIs(nullptr);")
+        o(f"  if (auto old = {mb}.erase({kp.name})) old->parentIs(nullptr);")
         o("  element->parentIs(this);")
-        o(f"  {nm}_.insert(element);")
+        o(f"  {mb}.insert(element);")
         if c.notify:
             o(f"  {notify_call(c, c.key.text, kp.name)}")
         o("  return element;")
         o("}")
         o("")
     o(f"void {n}::{nm}Del({k} key) {{")
-    o(f"  Mosk::Ptr<{el.name}> old = {nm}_.erase(key);")
+    o(f"  Mosk::Ptr<{el.name}> old = {mb}.erase(key);")
     o("  if (!old) return;")
     o("  old->parentIs(nullptr);")
     if note:
@@ -617,7 +635,7 @@ def emit_entity_coll_source(o, e, c, model):
     o("}")
     o("")
     o(f"void {n}::{nm}DelAll() {{")
-    o(f"  for (auto c = {nm}_.cursor(); c; ++c) {nm}Del(c.key());")
+    o(f"  for (auto c = {mb}.cursor(); c; ++c) {nm}Del(c.key());")
     o("}")
     o("")
 

@@ -5,7 +5,7 @@ import re
 BUILTINS = {"bool", "U8", "U16", "U32", "U64", "S8", "S16", "S32", "S64", "double"}
 
 ATTR_FLAGS = {"key", "mutable", "counter", "nonotify", "nullable", "instantiating", "inserting",
-              "tree", "array", "hasher", "notifyall", "less", "const"}
+              "tree", "array", "hasher", "notifyall", "less", "const", "keyed"}
 
 
 class MoskError(Exception):
@@ -92,6 +92,7 @@ class ValueType:
         self.fields = []
         self.range = None  # (min, max, message)
         self.default = None
+        self.marker = None  # (name, value): a value beyond the range that is still accepted
         self.ordered = None  # None, "auto" or "custom"
         self.arithmetic = False
         self.custom_hash = False
@@ -160,6 +161,7 @@ class Collection:
         self.capacity = flags.get("array")
         self.hasher = flags.get("hasher")
         self.less = flags.get("less")
+        self.keyed = flags.get("keyed")  # the field of the value that is its key
         self.inserting = "inserting" in flags
         self.elem = None  # the element entity, for entity collections
         self.kind = None  # "value", "entity", "ptr", "array"
@@ -310,7 +312,7 @@ class Parser:
             f = self.next().text
             if f == "array":
                 flags[f] = int(self.next().text)
-            elif f in ("hasher", "less"):
+            elif f in ("hasher", "less", "keyed"):
                 flags[f] = self.name()
             else:
                 flags[f] = True
@@ -354,6 +356,12 @@ class Parser:
                 msg = self.string()
                 v.range = (lo, hi, msg)
                 self.expect(";")
+            elif t.text == "marker":
+                self.next()
+                name = self.name()
+                self.expect("=")
+                v.marker = (name, self.raw_until({";"}))
+                self.expect(";")
             elif t.text == "default":
                 self.next()
                 v.default = self.raw_until({";"})
@@ -389,6 +397,8 @@ class Parser:
                     default = self.raw_until({";"})
                 self.expect(";")
                 v.fields.append(Field(name, ty, default, t.line))
+        if v.marker and not v.range:
+            raise MoskError(f"{self.path}:{line}: {v.name}: a marker needs a range")
         if v.scalar and v.fields:
             raise MoskError(f"{self.path}:{line}: {v.name}: a scalar wrapper has no fields")
         return v
@@ -482,6 +492,9 @@ def resolve(model):
                                     f"to be an element of {e.name}.{c.name}")
             else:
                 c.kind = "value"
+            if c.keyed and c.kind != "value":
+                raise MoskError(f"{model.path}:{c.line}: only value collections can be keyed "
+                                f"by a field of their value")
             if c.tree and c.kind != "entity":
                 raise MoskError(f"{model.path}:{c.line}: only entity collections can be trees")
 
