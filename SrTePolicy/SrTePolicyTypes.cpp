@@ -2,6 +2,7 @@
 // record's layout, serialisation, equality, text form and read-side checks.
 #include "SrTePolicy/SrTePolicyTypes.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstring>
 
@@ -25,6 +26,15 @@ bool Priority::sameExceptId(Priority const& other) const {
 
 // ---------------------------------------------------------------------------------------------
 // PolicyInputEntry
+
+namespace {
+// The used elements, bounded by the capacity: a record copied in with a bad count is compared,
+// hashed and printed without reading past its array (reading it raises; see validateRead).
+WeightedSegList const* usedEnd(PolicyInputEntry const& e) {
+  return e.segmentListBegin() +
+         std::min<U32>(e.segmentListCount(), PolicyInputEntry::maxSegmentLists);
+}
+}  // namespace
 
 static_assert(std::is_trivially_copyable_v<PolicyInputEntry>);
 static_assert(std::is_standard_layout_v<PolicyInputEntry>);
@@ -120,15 +130,15 @@ bool PolicyInputEntry::operator==(PolicyInputEntry const& other) const {
   return key_ == other.key_ && endpoint_ == other.endpoint_ && color_ == other.color_ &&
          preference_ == other.preference_ && routerId_ == other.routerId_ &&
          bindingSid_ == other.bindingSid_ && segmentList_.count() == other.segmentList_.count() &&
-         std::equal(segmentListBegin(), segmentListEnd(), other.segmentListBegin());
+         std::equal(segmentListBegin(), usedEnd(*this), other.segmentListBegin());
 }
 
 U32 PolicyInputEntry::hash() const {
   Mosk::HashMix mix;
   mix.add(key_.hash()).add(endpoint_.hash()).add(color_.hash()).add(preference_.hash());
   mix.add(routerId_.hash()).add(bindingSid_.hash()).add(segmentList_.count());
-  for (WeightedSegList const& l : segmentList_)
-    mix.add(l.hash());
+  for (WeightedSegList const* l = segmentListBegin(); l != usedEnd(*this); ++l)
+    mix.add(l->hash());
   return mix.final();
 }
 
@@ -146,7 +156,7 @@ void PolicyInputEntry::strep(std::ostream& os) const {
   os << ", 'bindingSid': ";
   Mosk::writeStrep(os, bindingSid_);
   os << ", 'segmentList': ";
-  Mosk::writeList(os, segmentListBegin(), segmentListEnd());
+  Mosk::writeList(os, segmentListBegin(), usedEnd(*this));
   os << "})";
 }
 
