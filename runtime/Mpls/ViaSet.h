@@ -1,6 +1,7 @@
 // Mpls::ViaSet: an ordered set of vias (Mpls::Via order), the value of the via-set table and of
 // LFIB adjacencies. Kept as a sorted vector: sets are small (ECMP fan-out), a lookup is a
-// binary search, and a walk visits the vias in their order.
+// binary search, and a walk visits the vias in their order. Any change to the set invalidates
+// its iterators; readers of the MPLS status walk a copy.
 #pragma once
 
 #include <initializer_list>

@@ -2,7 +2,8 @@
 // (MplsVia) that the tunnel forwards over. A plain value, written whole into the table.
 //
 // The vias are a sorted vector without duplicates: an entry has a handful of vias, and a
-// sorted set makes equality and the printed order independent of the order of insertion.
+// sorted set makes equality and the printed order independent of the order of insertion. Any
+// change to an entry invalidates its iterators.
 #pragma once
 
 #include <ostream>

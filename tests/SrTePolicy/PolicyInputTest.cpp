@@ -114,6 +114,10 @@ TEST(PolicyInputEntry, TextForm) {
             "'segmentList': [Value('SrTePolicy::WeightedSegList', ** {'weight': 1, 'segList': "
             "[16000, 17000]})]})");
   EXPECT_EQ(Mosk::parse<PolicyInputEntry>(text), entry(1));
+  EXPECT_EQ(Mosk::valueToStrep(PolicyInputEntry(kId)),
+            "Value('SrTePolicy::PolicyInputEntry', ** {'key': 1073741831, 'endpoint': none, "
+            "'color': 0, 'preference': 100, 'routerId': 0.0.0.0, 'bindingSid': 1048576, "
+            "'segmentList': []})");
   EXPECT_EQ(Mosk::parse<PolicyInputEntry>(Mosk::valueToStrep(entry(16))), entry(16));
   std::string seventeen = Mosk::valueToStrep(entry(16));
   std::string one = Mosk::valueToStrep(WeightedSegList());
