@@ -151,6 +151,30 @@ T parse(std::string_view text) {
   return v;
 }
 
+// The text form of a sequence of values: "[a, b, c]".
+template <class It>
+void writeList(std::ostream& os, It begin, It end) {
+  os << '[';
+  for (It it = begin; it != end; ++it) {
+    if (it != begin) os << ", ";
+    ValueTraits<std::decay_t<decltype(*it)>>::write(os, *it);
+  }
+  os << ']';
+}
+
+// Reads "[a, b, c]", handing each element to `add` in order.
+template <class T, class Add>
+void readList(TextReader& r, Add&& add) {
+  r.expect("[");
+  if (r.accept("]")) return;
+  for (;;) {
+    r.skipSpaces();
+    add(ValueTraits<T>::read(r));
+    if (r.accept("]")) return;
+    r.expect(",");
+  }
+}
+
 // Hash functor for standard containers keyed by a value type.
 template <class T>
 struct ValueHash {

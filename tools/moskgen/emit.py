@@ -130,7 +130,10 @@ def emit_composite(o, v, model):
         o(f"  {ret(f.type, model)} {f.name}() const {{ return {f.name}_; }}")
         o(f"  void {f.name}Is({f.type.param(model)} value) {{ {f.name}_ = value; }}")
     o("")
-    o(f"  bool operator==({n} const&) const = default;")
+    if v.custom_equal:
+        o(f"  bool operator==({n} const& other) const;")
+    else:
+        o(f"  bool operator==({n} const&) const = default;")
     if v.ordered:
         if v.ordered == "custom":
             o(f"  bool operator<({n} const& other) const;")
@@ -276,6 +279,8 @@ def coll_types(c, model):
         return f"Mosk::EntityHashMap<{k}, {e}, {e}::KeyOf{extra}>"
     if c.kind == "array":
         return f"Mosk::Array<{c.value.text}, {k}, {c.capacity}>"
+    if c.kind == "table":
+        return f"Skerry::LocalTable<{k}, {c.value.text}>"
     v = c.value.text
     if c.kind == "ptr":
         v = f"Mosk::Ptr<{c.value.pointee}{' const' if c.value.pointee_const else ''}>"
@@ -321,6 +326,8 @@ def emit_entity(o, e, model):
             o(f"    virtual void on{c.cap}({c.key.text} const&) {{}}")
             if c.notifyall:
                 o(f"    virtual void on{c.cap}() {{}}")
+            if c.kind == "table":
+                o(f"    virtual void on{c.cap}Corrupt() {{}}")
     for name, types in e.notifications:
         args = ", ".join(f"{t.text} const&" for t in types)
         o(f"    virtual void {name}({args}) {{}}")
@@ -334,7 +341,9 @@ def emit_entity(o, e, model):
         o("  };")
         o("")
     # Constructor and destructor.
-    if e.named:
+    if e.named and e.default_name:
+        o(f"  explicit {n}(Mosk::Name name = {e.default_name});")
+    elif e.named:
         o(f"  explicit {n}(Mosk::Name name);")
     else:
         explicit = "explicit " if len(e.params) == 1 else ""
@@ -377,6 +386,8 @@ def emit_entity(o, e, model):
     o("};")
     o("")
     fparams = "Mosk::Name name" if e.named else elem_ctor_params(e, model)
+    if e.named and e.default_name:
+        fparams += f" = {e.default_name}"
     fargs = "std::move(name)" if e.named else elem_ctor_args(e)
     o(f"inline Mosk::Ptr<{n}> {lower_first(n)}Factory({fparams}) {{")
     o(f"  return Mosk::Ptr<{n}>(new {n}({fargs}));")
@@ -426,6 +437,9 @@ def emit_coll_decl(o, e, c, model):
     notify = (lambda key: notify_call(c, c.key.text, key)) if c.notify else (lambda key: "")
     o("")
     o(f"  // {nm}")
+    if c.kind == "table":
+        emit_table_decl(o, e, c, model)
+        return
     if c.kind == "array":
         o(f"  // Positions holding a value.")
         o(f"  U32 {nm}Count() const {{ return {mb}.count(); }}")
@@ -449,6 +463,12 @@ def emit_coll_decl(o, e, c, model):
             o(f"  bool {nm}({k} key) const {{")
             o(f"    bool const* v = {mb}.find(key);")
             o("    return v != nullptr && *v;")
+            o("  }")
+        elif c.ordefault:
+            o(f"  // The value of `key`, or the empty value when absent.")
+            o(f"  {v.text} {nm}({k} key) const {{")
+            o(f"    auto const* v = {nm}_.find(key);")
+            o(f"    return v ? *v : {v.text}();")
             o("  }")
         else:
             o(f"  std::optional<{v.text}> {nm}({k} key) const {{")
@@ -530,6 +550,71 @@ def emit_coll_decl(o, e, c, model):
         o(f"  void {nm}Del({k} key);")
         o(f"  void {nm}DelAll();")
         o(f"  void {nm}Notify({k} key) const {{ {notify('key') or ';'} }}")
+    if c.notifyall:
+        o(f"  void {nm}NotifyCollection() const {{")
+        o(f"    notify(static_cast<void (NotifieeConst::*)()>(&NotifieeConst::on{C}));")
+        o("  }")
+
+
+def emit_table_decl(o, e, c, model):
+    """A keyed table of fixed-layout records (Skerry): records are copied out on reading."""
+    k = c.key.param(model)
+    nm, C = c.name, c.cap
+    r = c.value.text
+    ty = coll_types(c, model)
+    note = notify_call(c, c.key.text, "key")
+    rnote = notify_call(c, c.key.text, f"Skerry::RecordTraits<{r}>::key(record)")
+    o(f"  using {C}IterConst = Skerry::KeyCursor<{c.key.text}, {r}>;")
+    o(f"  U32 {nm}Count() const {{ return {nm}_.count(); }}")
+    o(f"  // The keys present, in table order; the walk ends early when the table is corrupt.")
+    o(f"  {C}IterConst {nm}Iter() const {{ return {C}IterConst({nm}_); }}")
+    o(f"  // The reader side of the table, as another process would mount it.")
+    o(f"  Skerry::TableReader<{c.key.text}, {r}> const& {nm}Reader() const {{ return {nm}_; }}")
+    o(f"  // A validated copy of the record of `key`, or nothing when absent.")
+    o(f"  std::optional<{r}> {nm}({k} key) const {{ return Skerry::readRecord({nm}_, key); }}")
+    o(f"  // Inserts or replaces the record under its key; notifies only on a real change.")
+    o(f"  void {nm}Is({r} const& record) {{")
+    o(f"    if ({nm}_.put(record)) {rnote}")
+    o("  }")
+    o(f"  // Stores a fresh record under its key and returns the stored record, for the writer to")
+    o(f"  // fill in place before {nm}Commit.")
+    o(f"  {r}& new{C}({r} const& record) {{")
+    o(f"    {r}& stored = {nm}_.insert(record);")
+    o(f"    {rnote}")
+    o("    return stored;")
+    o("  }")
+    o(f"  // Publishes the record stored under `record`'s key (copying `record` in when it is not")
+    o(f"  // the stored one); raises the range error when no record has that key.")
+    o(f"  void {nm}Commit({r} const& record) {{")
+    o(f"    {nm}_.commit(record);")
+    o(f"    {rnote}")
+    o("  }")
+    o(f"  void {nm}Del({k} key) {{")
+    o(f"    if ({nm}_.erase(key)) {note}")
+    o("  }")
+    o(f"  void {nm}DelAll() {{")
+    o("    if (!hasNotifiees()) {")
+    o(f"      {nm}_.clear();")
+    o("      return;")
+    o("    }")
+    o("    // Walks the keys directly: a corrupt table is emptied all the same.")
+    o(f"    {c.key.text} key;")
+    o(f"    for (bool more = {nm}_.keyAfter(nullptr, key); more;) {{")
+    o(f"      {c.key.text} next;")
+    o(f"      more = {nm}_.keyAfter(&key, next);")
+    o(f"      {nm}Del(key);")
+    o("      key = next;")
+    o("    }")
+    o("  }")
+    o(f"  void {nm}Notify({k} key) const {{ {note} }}")
+    o(f"  // True once the table service has found the table damaged.")
+    o(f"  bool {nm}Corrupt() const {{ return {nm}_.corrupt(); }}")
+    o(f"  // Marks the table damaged (or repaired); readers hear on{C}Corrupt() when it turns bad.")
+    o(f"  void {nm}CorruptIs(bool corrupt) {{")
+    o(f"    if ({nm}_.corrupt() == corrupt) return;")
+    o(f"    {nm}_.corruptIs(corrupt);")
+    o(f"    if (corrupt) notify(&NotifieeConst::on{C}Corrupt);")
+    o("  }")
     if c.notifyall:
         o(f"  void {nm}NotifyCollection() const {{")
         o(f"    notify(static_cast<void (NotifieeConst::*)()>(&NotifieeConst::on{C}));")
@@ -700,6 +785,8 @@ def emit_header(model, decl_path):
     o("#include <string_view>")
     o("")
     o('#include "Mosk/Model.h"')
+    if any(c.kind == "table" for e in model.entities() for c in e.colls):
+        o('#include "Skerry/Table.h"')
     for inc in model.includes:
         o(f'#include "{inc}"')
     o("")

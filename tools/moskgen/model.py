@@ -5,7 +5,8 @@ import re
 BUILTINS = {"bool", "U8", "U16", "U32", "U64", "S8", "S16", "S32", "S64", "double"}
 
 ATTR_FLAGS = {"key", "mutable", "counter", "nonotify", "nullable", "instantiating", "inserting",
-              "tree", "array", "hasher", "notifyall", "less", "const", "keyed"}
+              "tree", "array", "hasher", "notifyall", "less", "const", "keyed", "ordefault",
+              "table"}
 
 
 class MoskError(Exception):
@@ -97,6 +98,7 @@ class ValueType:
         self.arithmetic = False
         self.custom_hash = False
         self.custom_text = False
+        self.custom_equal = False
         self.code = []
 
     @property
@@ -163,6 +165,8 @@ class Collection:
         self.less = flags.get("less")
         self.keyed = flags.get("keyed")  # the field of the value that is its key
         self.inserting = "inserting" in flags
+        self.ordefault = "ordefault" in flags
+        self.table = "table" in flags
         self.elem = None  # the element entity, for entity collections
         self.kind = None  # "value", "entity", "ptr", "array"
 
@@ -183,6 +187,7 @@ class Entity:
         self.notifications = []  # extra (name, [param types])
         self.pointer_interface = False
         self.anonymous = False
+        self.default_name = None
         self.base = None
         self.in_tree = False
         self.owners = []
@@ -273,15 +278,21 @@ class Parser:
         """A type: a qualified name with optional template arguments and const."""
         parts = [self.name()]
         if self.accept("<"):
-            args = [self.type_()]
+            args = [self.template_arg()]
             while self.accept(","):
-                args.append(self.type_())
+                args.append(self.template_arg())
             self.expect(">")
             parts[0] += "<" + ", ".join(args) + ">"
         while self.peek().text == "const":
             self.next()
             parts.append("const")
         return " ".join(parts)
+
+    def template_arg(self):
+        """A template argument: a type or a number (a capacity)."""
+        if self.peek().kind == "number":
+            return self.next().text
+        return self.type_()
 
     def raw_until(self, stops, stop_at_string=False):
         """Raw tokens up to (not including) a stop token at nesting depth 0."""
@@ -384,6 +395,11 @@ class Parser:
                 self.expect("custom")
                 v.custom_text = True
                 self.expect(";")
+            elif t.text == "equal":
+                self.next()
+                self.expect("custom")
+                v.custom_equal = True
+                self.expect(";")
             elif t.text == "code":
                 self.next()
                 v.code.append(self.code())
@@ -426,10 +442,12 @@ class Parser:
                 ty = Type(self.type_())
                 e.params.append(Param(name, ty, self.flags(), t.line))
                 self.accept(",")
-        while self.peek().text in ("pointer", "anonymous", "extends"):
+        while self.peek().text in ("pointer", "anonymous", "extends", "defaultname"):
             word = self.next().text
             if word == "pointer":
                 e.pointer_interface = True
+            elif word == "defaultname":
+                e.default_name = self.string()
             elif word == "anonymous":
                 e.anonymous = True
             else:
@@ -477,7 +495,9 @@ def resolve(model):
     for e in model.entities():
         for c in e.colls:
             target = model.find(c.value.base)
-            if c.capacity is not None:
+            if c.table:
+                c.kind = "table"
+            elif c.capacity is not None:
                 c.kind = "array"
             elif c.value.is_ptr:
                 c.kind = "ptr"
@@ -497,6 +517,8 @@ def resolve(model):
                                 f"by a field of their value")
             if c.tree and c.kind != "entity":
                 raise MoskError(f"{model.path}:{c.line}: only entity collections can be trees")
+            if c.ordefault and c.kind != "value":
+                raise MoskError(f"{model.path}:{c.line}: only value maps look up with ordefault")
 
 
 def parse_file(text, path):

@@ -1,0 +1,83 @@
+// The SR-TE segment-list tunnel table and its index allocator.
+#include <gtest/gtest.h>
+
+#include <vector>
+
+#include "MplsHelper/IndexAllocators.h"
+#include "Tunnel/TunnelTable.h"
+
+using namespace Tunnel::TunnelTable;
+using Ludd::IntfId;
+using Ludd::IpGenAddr;
+using Ludd::MplsLabelOperation;
+
+namespace {
+
+MplsVia via(char const* hop, U32 label) {
+  return MplsVia(IpGenAddr::parse(hop), IntfId(IntfId::Kind::ethernet, 1),
+                 MplsLabelOperation{label});
+}
+
+struct Watcher : SrTeSegmentListTunnelTable::NotifieeConst {
+  std::vector<TunnelId> keys;
+  void onEntry(TunnelId const& id) override { keys.push_back(id); }
+};
+
+// Faults: a write that merges the vias of the earlier entry instead of replacing it; a
+// notification for a write that changed nothing; duplicate vias kept.
+TEST(TunnelTable, EntryWritesReplaceWholeEntries) {
+  auto table = srTeSegmentListTunnelTableFactory("tunnels");
+  Watcher w;
+  w.notifierIs(table);
+  TunnelId id = TunnelId::convertToTunnelValue(TunnelType::srTeSegmentList, 1);
+  SrTeSegmentListTunnelTableEntry first(id);
+  first.newVia(via("10.0.0.1", 100));
+  first.newVia(via("10.0.0.2", 200));
+  first.newVia(via("10.0.0.1", 100));
+  EXPECT_EQ(first.viaCount(), 2u);
+  table->entryIs(first);
+  table->entryIs(first);
+
+  SrTeSegmentListTunnelTableEntry second(id);
+  second.newVia(via("10.0.0.3", 300));
+  table->entryIs(second);
+  auto stored = table->entry(id);
+  ASSERT_TRUE(stored);
+  EXPECT_EQ(*stored, second);
+  EXPECT_EQ(stored->viaCount(), 1u);
+  EXPECT_FALSE(stored->hasVia(via("10.0.0.1", 100)));
+
+  table->entryDel(id);
+  EXPECT_EQ(w.keys, (std::vector<TunnelId>{id, id, id}));
+  EXPECT_THROW(table->entryIs(SrTeSegmentListTunnelTableEntry()), Mosk::RangeException);
+  EXPECT_EQ(Mosk::parse<SrTeSegmentListTunnelTableEntry>(Mosk::valueToStrep(first)), first);
+}
+
+// Faults: an index handed out twice; the hook unable to reach the end of the 48-bit tunnel id
+// range, whose range error the segment-list machine must raise.
+TEST(SrTunnelIdxAllocator, FreshIndexesUpToTheTunnelIdRange) {
+  auto alloc = MplsHelper::srTunnelIdxAllocatorFactory();
+  EXPECT_EQ(alloc->getIdx(), 1u);
+  EXPECT_EQ(alloc->getIdx(), 2u);
+  U64 last = TunnelId::maxValue - (U64{8} << TunnelId::typeShift);
+  alloc->nextIdxIs(last);
+  EXPECT_NO_THROW(TunnelId::convertToTunnelValue(TunnelType::srTeSegmentList, alloc->getIdx()));
+  try {
+    TunnelId::convertToTunnelValue(TunnelType::srTeSegmentList, alloc->getIdx());
+    FAIL() << "a tunnel id beyond 48 bits was formed";
+  } catch (Mosk::RangeException const& e) {
+    EXPECT_STREQ(e.what(),
+                 "TunnelId::value < TunnelId::minValue or > TunnelId::maxValue not allowed");
+  }
+  EXPECT_THROW(alloc->nextIdxIs(0), Mosk::RangeException);
+}
+
+// Fault: the counter wrapping round to indexes already handed out.
+TEST(SrTunnelIdxAllocatorDeathTest, ExhaustionStopsTheProcess) {
+  auto alloc = MplsHelper::srTunnelIdxAllocatorFactory();
+  alloc->nextIdxIs(~U64{0});
+  alloc->getIdx();
+  EXPECT_DEATH(alloc->getIdx(), "tunnel index space exhausted");
+}
+
+}  // namespace
