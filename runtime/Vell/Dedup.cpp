@@ -85,6 +85,13 @@ void DedupHashTable::lifeTimeNotifieeIs(
   notifiee_ = nullptr;
   if (old) old->handleNotificationStop(this);
   notifiee_ = notifiee;
+  if (!notifiee_ || size() == 0) return;
+  std::vector<Mosk::Ptr<DedupHandle>> present;
+  for (DedupHandle* handle : entries())
+    present.emplace_back(handle);
+  for (auto const& handle : present) {
+    if (handle->table_ == this && notifiee_ == notifiee) notifiee_->handleInsert(handle);
+  }
 }
 
 void DedupHashTable::clearTable() {
@@ -143,6 +150,18 @@ void DedupHashTableUnorderedSet::unlink(DedupHandle& handle) {
 
 DedupHandle* DedupHashTableUnorderedSet::anyEntry() const {
   return set_.empty() ? nullptr : const_cast<DedupHandle*>(&*set_.begin());
+}
+
+}  // namespace Vell
+
+namespace Vell {
+
+std::vector<DedupHandle*> DedupHashTableUnorderedSet::entries() const {
+  std::vector<DedupHandle*> out;
+  out.reserve(set_.size());
+  for (DedupHandle const& h : set_)
+    out.push_back(const_cast<DedupHandle*>(&h));
+  return out;
 }
 
 }  // namespace Vell

@@ -12,9 +12,10 @@
 //
 // The table's notifiee (DedupHashTableLifeTimeNotifiee) hears handleInsert for each new entry,
 // handleRemove for each entry that leaves, and handleNotificationStop when the table stops
-// notifying it (the table is destroyed or another notifiee is registered); entries that stay
-// in the table then are not reported again. A table being destroyed releases its entries;
-// those still held elsewhere live on outside any table.
+// notifying it (the table is destroyed or another notifiee is registered). A notifiee
+// registered with a table that has entries hears handleInsert for each of them at once, so
+// every notifiee sees each entry inserted before it sees it removed. A table being destroyed
+// releases its entries; those still held elsewhere live on outside any table.
 //
 // DedupHashTableUnorderedSet keeps the entries in an intrusive chained hash table (a singly
 // linked hook in each handle, the hash cached beside it), so a hit allocates nothing and costs
@@ -116,8 +117,8 @@ class DedupHashTable : public Mosk::PtrInterface {
   Mosk::Ptr<DedupHandle> lookup(DedupHandle const& candidate) const;
   virtual U32 size() const = 0;
 
-  // Registers the notifiee (null for none); the one registered before hears
-  // handleNotificationStop first.
+  // Registers the notifiee (null for none): the one registered before hears
+  // handleNotificationStop first, the new one handleInsert for every entry already in.
   void lifeTimeNotifieeIs(Mosk::Ptr<DedupHashTableLifeTimeNotifiee const> const& notifiee);
   Mosk::Ptr<DedupHashTableLifeTimeNotifiee const> const& lifeTimeNotifiee() const {
     return notifiee_;
@@ -131,6 +132,7 @@ class DedupHashTable : public Mosk::PtrInterface {
   // Stops notifying, then releases every entry; the destructor of the concrete table calls it.
   void clearTable();
   virtual DedupHandle* anyEntry() const = 0;
+  virtual std::vector<DedupHandle*> entries() const = 0;
 
  private:
   void removeEntry(DedupHandle const& handle);
@@ -151,6 +153,7 @@ class DedupHashTableUnorderedSet : public DedupHashTable {
   void link(DedupHandle& handle) override;
   void unlink(DedupHandle& handle) override;
   DedupHandle* anyEntry() const override;
+  std::vector<DedupHandle*> entries() const override;
 
  private:
   struct CachedHash {
