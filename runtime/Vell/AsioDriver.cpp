@@ -8,7 +8,7 @@
 namespace Vell {
 
 AsioDriver::AsioDriver(boost::asio::io_context& io, Mosk::Ptr<TaskScheduler> scheduler)
-    : scheduler_(std::move(scheduler)), timer_(io) {
+    : scheduler_(std::move(scheduler)), alive_(new Alive(this)), timer_(io) {
   if (!scheduler_) Mosk::throwNullValidPtr();
   if (dynamic_cast<MonotonicClock const*>(scheduler_->clock().ptr()) == nullptr) {
     throw Mosk::RangeException(
@@ -19,6 +19,7 @@ AsioDriver::AsioDriver(boost::asio::io_context& io, Mosk::Ptr<TaskScheduler> sch
 }
 
 AsioDriver::~AsioDriver() {
+  alive_->driver = nullptr;
   timer_.cancel();
 }
 
@@ -32,9 +33,9 @@ void AsioDriver::arm() {
       std::chrono::duration_cast<std::chrono::steady_clock::duration>(
           std::chrono::duration<double>(*due)));
   timer_.expires_at(at);
-  timer_.async_wait([this](boost::system::error_code const& ec) {
-    if (ec == boost::asio::error::operation_aborted) return;
-    fire();
+  timer_.async_wait([alive = alive_](boost::system::error_code const& ec) {
+    if (ec == boost::asio::error::operation_aborted || alive->driver == nullptr) return;
+    alive->driver->fire();
   });
 }
 

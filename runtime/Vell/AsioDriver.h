@@ -6,7 +6,8 @@
 // the timer again. It watches the scheduler's onEarliestDueTime(), so a task scheduled from
 // any handler of the loop re-arms the timer. The scheduler must run on a MonotonicClock, whose
 // seconds are those of the steady clock. Everything runs on the thread that runs the
-// io_context.
+// io_context. A wait still queued when the driver is destroyed finds it gone and does
+// nothing.
 #pragma once
 
 #include <boost/asio/io_context.hpp>
@@ -33,7 +34,15 @@ class AsioDriver : public TaskScheduler::NotifieeConst {
   void arm();
   void fire();
 
+  // Shared with pending waits, which outlive the driver when it is destroyed while the
+  // io_context holds their handlers.
+  struct Alive : Mosk::PtrInterface {
+    AsioDriver* driver;
+    explicit Alive(AsioDriver* d) : driver(d) {}
+  };
+
   Mosk::Ptr<TaskScheduler> scheduler_;
+  Mosk::Ptr<Alive> alive_;
   boost::asio::steady_timer timer_;
   // The time the timer is armed for, when it is.
   std::optional<double> armedAt_;
