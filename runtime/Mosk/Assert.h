@@ -24,3 +24,10 @@ namespace Mosk {
     if (MOSK_UNLIKELY(!(cond)))                                              \
       ::Mosk::assertionFailed(msg, __FILE__, __LINE__, __PRETTY_FUNCTION__); \
   } while (0)
+
+// MOSK_ASSERT_IN(cond, "function"): as MOSK_ASSERT, naming `function` instead of the enclosing
+// one, for checks that run in a helper on behalf of a public operation.
+#define MOSK_ASSERT_IN(cond, func)                                                        \
+  do {                                                                                    \
+    if (MOSK_UNLIKELY(!(cond))) ::Mosk::assertionFailed(#cond, __FILE__, __LINE__, func); \
+  } while (0)

@@ -32,6 +32,7 @@ class PtrInterface {
   U32 references() const noexcept { return refs_; }
 
   void newRef() const noexcept {
+    if (MOSK_UNLIKELY(flags_ & kNewRefHook)) newReferenceTaken();
     if (MOSK_UNLIKELY(enableThreadSafePointers)) {
       std::atomic_ref<U32>(refs_).fetch_add(1, std::memory_order_relaxed);
     } else {
@@ -59,8 +60,12 @@ class PtrInterface {
   // Runs after a decrement that left references, for objects that set the reference hook flag
   // (dedup handles leave their table when only the table's own share is left).
   virtual void referencesDecreasedTo(U32) const {}
+  // Runs before an increment, for objects that set the new-reference hook flag (a dedup handle
+  // sets it while it is being detached, when taking a reference is a fault).
+  virtual void newReferenceTaken() const {}
 
   static constexpr U16 kReferenceHook = 1u << 0;
+  static constexpr U16 kNewRefHook = 1u << 1;
   // Bits 1..7 belong to the runtime, 8..15 to derived classes.
   static constexpr U16 kFirstDerivedFlag = 1u << 8;
 
