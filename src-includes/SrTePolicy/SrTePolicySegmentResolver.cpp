@@ -1,0 +1,77 @@
+#include "SrTePolicy/SrTePolicySegmentResolver.h"
+
+#include "Flicker/Flicker.h"
+#include "Ludd/IntfId.h"
+#include "SrTePolicy/SrTePolicySegment.h"
+
+namespace SrTePolicy {
+
+namespace {
+Flicker::TraceHandle traceHandle("SrTePolicySegmentResolver");
+constexpr U32 kFirstSource = 1;
+constexpr U32 kLastSource = 255;
+}  // namespace
+
+Mosk::Ptr<SegmentResolveResult const> SegmentResolver::resolveSegmentMpls(
+    Ludd::MplsLabel label) const {
+  SRTE_TRACE2(traceHandle, 7, "resolveSegmentMpls", "resolveSegmentMpls label " << label.value());
+  for (U32 source = kFirstSource; source <= kLastSource; ++source) {
+    Mpls::RouteKey key(label, Mpls::LFib::Source(static_cast<U8>(source)));
+    Mpls::LFib::Route route = mplsStatus_->lfibRoute(key);
+    if (route == Mpls::LFib::Route()) continue;
+    if (skipMplsRouteForResolution(route)) continue;
+    return Mosk::Ptr<SegmentResolveResult const>(new SegmentResolveResult(route.adjacencyKey()));
+  }
+  return nullptr;
+}
+
+Mosk::Ptr<SegmentResolveResult const> SegmentResolver::resolveSegmentMplsOnLfibRoute(
+    Ludd::MplsLabel label, Mpls::LFib::Route const& route) const {
+  SRTE_TRACE2(traceHandle, 7, "resolveSegmentMplsOnLfibRoute",
+              "resolveSegmentMplsOnLfibRoute label " << label.value());
+  if (skipMplsRouteForResolution(route)) return nullptr;
+  return Mosk::Ptr<SegmentResolveResult const>(new SegmentResolveResult(route.adjacencyKey()));
+}
+
+bool SegmentResolver::skipMplsRouteForResolution(Mpls::LFib::Route const& route) const {
+  Mpls::RouteKey const& key = route.key();
+  U32 label = key.topLabel().value();
+  U32 source = key.source().value();
+  SRTE_TRACE2(traceHandle, 7, key,
+              "skipMplsRouteForResolution label " << label << " source " << source);
+  if (route.routeType() == Mpls::LFib::RouteType::pseudowire) {
+    SRTE_TRACE2(traceHandle, 4, "Skipping resolution via pseudowire " << key,
+                "Skipping resolution via pseudowire label " << label << " source " << source);
+    return true;
+  }
+  if (route.adjacencyKey().kind() != Mpls::AdjacencyKind::viaSet) return false;
+  std::optional<Mpls::ViaSet> vias = mplsStatus_->viaSet(route.adjacencyKey().index());
+  if (!vias) return false;
+  for (Mpls::Via const& via : *vias) {
+    if (FecIdIntfId::isNexthopGroupIdIntfId(via.intf())) {
+      SRTE_TRACE2(traceHandle, 4, "Skipping resolution via NHG " << key,
+                  "Skipping resolution via nhg label " << label << " source " << source);
+      return true;
+    }
+    if (DynamicTunnelIntfId::isDynamicTunnelIntfId(via.intf())) {
+      SRTE_TRACE2(traceHandle, 4, "Skipping resolution via dynamic tunnel " << key,
+                  "Skipping resolution via dynamic tunnel label " << label << " source " << source);
+      return true;
+    }
+  }
+  return false;
+}
+
+// The label segment's entry points into the resolver.
+
+Mosk::Ptr<SegmentResolveResult const> SegmentMplsLabel::resolveSegment(
+    SegmentResolver const& r) const {
+  return r.resolveSegmentMpls(label_);
+}
+
+Mosk::Ptr<SegmentResolveResult const> SegmentMplsLabel::resolveSegmentOnLFib(
+    SegmentResolver const& r, Mpls::LFib::Route const& route) const {
+  return r.resolveSegmentMplsOnLfibRoute(label_, route);
+}
+
+}  // namespace SrTePolicy

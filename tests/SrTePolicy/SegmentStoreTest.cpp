@@ -1,0 +1,164 @@
+// The segment store: interned segments and segment lists, their identifiers, the notifying
+// collections and the reverse maps.
+#include <gtest/gtest.h>
+
+#include <sstream>
+
+#include "SrTePolicy/SrTePolicyDedupTables.h"
+
+using namespace SrTePolicy;
+using Ludd::MplsLabel;
+using Ludd::MplsStackEntryIndex;
+using Mosk::Ptr;
+
+namespace {
+
+class SegmentStore : public ::testing::Test {
+ protected:
+  void SetUp() override { tables->handleInitialized(); }
+
+  Ptr<SegmentMplsLabel> segment(U32 label) {
+    return segmentMplsLabelFactory(SegmentType::segMplsLabel, MplsLabel(label))
+        ->dedup(*tables->segDedupTablePtr());
+  }
+  Ptr<SegmentList> list(std::initializer_list<U32> labels) {
+    Ptr<SegmentList> l = segmentListFactory();
+    U32 i = 0;
+    for (U32 label : labels)
+      l->segmentIs(MplsStackEntryIndex(i++), segment(label));
+    l->sizeIs(static_cast<U8>(labels.size()));
+    return l->dedup(*tables->segListDedupTablePtr());
+  }
+  NotifyingSegmentCollection const& segments() { return *tables->notifyingSegmentCollection(); }
+  NotifyingSegmentListCollection const& lists() {
+    return *tables->notifyingSegmentListCollection();
+  }
+
+  Ptr<CoreDedupTables> tables = coreDedupTablesFactory();
+};
+
+TEST_F(SegmentStore, EqualLabelsShareOneSegmentAndOneId) {
+  Ptr<SegmentMplsLabel> a = segment(16001);
+  Ptr<SegmentMplsLabel> b = segment(16001);
+  Ptr<SegmentMplsLabel> c = segment(16002);
+  EXPECT_EQ(a, b);
+  EXPECT_EQ(a->segmentId(), SegmentId(1));
+  EXPECT_EQ(c->segmentId(), SegmentId(2));
+  EXPECT_EQ(segments().segmentNotifierCount(), 2u);
+  EXPECT_EQ(a->segmentLifeTimeNotifier()->segmentRawPtr(), a.ptr());
+}
+
+TEST_F(SegmentStore, LastUserGoneDelistsTheSegmentAndIdsAreNeverReused) {
+  Ptr<SegmentMplsLabel> a = segment(16001);
+  Ptr<SegmentMplsLabel> keep = a;
+  a = nullptr;
+  EXPECT_EQ(segments().segmentNotifierCount(), 1u) << "removed while a holder remains";
+  keep = nullptr;
+  EXPECT_EQ(segments().segmentNotifierCount(), 0u);
+  EXPECT_EQ(tables->segDedupTablePtr()->dedupTable()->size(), 0u);
+  Ptr<SegmentMplsLabel> again = segment(16001);
+  EXPECT_EQ(again->segmentId(), SegmentId(2)) << "a re-created segment gets a fresh id";
+  EXPECT_EQ(segments().uniqueId(), SegmentId(2));
+}
+
+TEST_F(SegmentStore, LookupByLabelNeverInserts) {
+  Ptr<SegmentMplsLabel> a = segment(16001);
+  EXPECT_EQ(tables->segDedupTablePtr()->lookupByLabel(MplsLabel(16001)), a);
+  EXPECT_FALSE(tables->segDedupTablePtr()->lookupByLabel(MplsLabel(17000)));
+  EXPECT_EQ(segments().uniqueId(), SegmentId(1));
+  EXPECT_EQ(tables->segDedupTablePtr()->dedupTable()->size(), 1u);
+}
+
+TEST_F(SegmentStore, SegmentHashIsOneAtATimeOverTypeThenLabel) {
+  // Jenkins one-at-a-time of the bytes 01 00 00 00 81 3e 00 00.
+  EXPECT_EQ(segment(16001)->hash(), 0xac2fc779u);
+}
+
+TEST_F(SegmentStore, EqualStacksShareOneListAndOrderMatters) {
+  Ptr<SegmentList> a = list({16001, 16002});
+  Ptr<SegmentList> b = list({16001, 16002});
+  Ptr<SegmentList> reversed = list({16002, 16001});
+  EXPECT_EQ(a, b);
+  EXPECT_NE(a, reversed);
+  EXPECT_EQ(a->segmentListId(), SegmentListId(1));
+  EXPECT_EQ(reversed->segmentListId(), SegmentListId(2));
+  EXPECT_EQ(a->segmentLabel(1), MplsLabel(16002));
+  EXPECT_EQ(a->getSegmentId(0), SegmentId(1));
+  EXPECT_EQ(segmentListFactory()->hash(), 0u);
+  EXPECT_EQ(lists().segmentListNotifierCount(), 2u);
+}
+
+TEST_F(SegmentStore, AListHoldsSixSegmentsAtMost) {
+  Ptr<SegmentList> six = list({1, 2, 3, 4, 5, 6});
+  EXPECT_EQ(six->size(), 6);
+  Ptr<SegmentList> l = segmentListFactory();
+  try {
+    l->segmentIs(MplsStackEntryIndex(6), segment(7));
+    FAIL() << "a seventh position must be refused";
+  } catch (Mosk::RangeException const& e) {
+    EXPECT_STREQ(e.what(),
+                 "MplsStackEntryIndex::value < MplsStackEntryIndex::min or > "
+                 "MplsStackEntryIndex::max not allowed");
+  }
+}
+
+TEST_F(SegmentStore, ReleasingTheLastListReleasesItsSegments) {
+  Ptr<SegmentList> a = list({16001, 16002});
+  EXPECT_EQ(segments().segmentNotifierCount(), 2u);
+  a = nullptr;
+  EXPECT_EQ(lists().segmentListNotifierCount(), 0u);
+  EXPECT_EQ(segments().segmentNotifierCount(), 0u);
+  EXPECT_EQ(list({16001, 16002})->segmentListId(), SegmentListId(2));
+}
+
+TEST_F(SegmentStore, DumpListsLiveElementsByIdentifier) {
+  Ptr<SegmentList> a = list({16002, 16001});
+  std::ostringstream os;
+  dump(os, *tables);
+  EXPECT_EQ(os.str(),
+            "CoreDedupTables\n"
+            "  SegmentDedupTable\n"
+            "  NotifyingSegmentCollection\n"
+            "    NotifyingSegmentCollection uniqueIds:2\n"
+            "    1:16002    2:16001"
+            "  SegmentListDedupTable\n"
+            "  NotifyingSegmentListCollection\n"
+            "    SegmentListId: 1 size: 2 \n");
+}
+
+TEST_F(SegmentStore, TearingDownTheTablesLeavesHeldListsConsistent) {
+  Ptr<SegmentList> a = list({16001});
+  Ptr<NotifyingSegmentCollection> segs = tables->notifyingSegmentCollection();
+  tables = nullptr;
+  EXPECT_EQ(segs->segmentNotifierCount(), 0u);
+  EXPECT_EQ(a->segmentListLifeTimeNotifier(), nullptr);
+  EXPECT_EQ(a->dedupTable(), nullptr);
+}
+
+TEST_F(SegmentStore, SegmentListUserRefusesAnotherListUnderItsId) {
+  auto map = segmentListIdToPolicyMapFactory("map");
+  Ptr<SegmentList> a = list({16001});
+  Ptr<SegmentList> b = list({16002});
+  auto user = map->segmentListUserIs(a->segmentListId(), a);
+  EXPECT_EQ(map->segmentListUserIs(a->segmentListId(), a), user);
+  try {
+    map->segmentListUserIs(a->segmentListId(), b);
+    FAIL() << "expected the name-in-use error";
+  } catch (Mosk::NameInUseException const& e) {
+    std::string head =
+        "Reinstantiating the pointer interface where constructor parameter attribute "
+        "_segmentList has a different value of";
+    EXPECT_EQ(std::string(e.what()).substr(0, head.size()), head);
+  }
+}
+
+TEST(SegmentStoreDeathTest, LabelOfANonLabelSegmentFailsItsAssertion) {
+  auto tables = coreDedupTablesFactory();
+  tables->handleInitialized();
+  Ptr<SegmentList> l = segmentListFactory();
+  l->segmentIs(MplsStackEntryIndex(0), segmentMplsLabelFactory(SegmentType::invalid, MplsLabel(1)));
+  l->sizeIs(1);
+  EXPECT_DEATH(l->segmentLabel(0), "segMplsLabel");
+}
+
+}  // namespace
