@@ -32,7 +32,7 @@ U64 addressHalf(EndPoint const& endpoint, U32 half) {
 
 // Reactors
 
-void PolicyInputSm::InputReactor::onPolicyInput(PolicySource const& source) {
+void PolicyInputSm::MoskInput::onPolicyInput(PolicySource const& source) {
   if (active_) sm_->handleSource();
   Mosk::Ptr<PolicyInput const> policyInput =
       sm_->input_ ? sm_->input_->policyInput(source) : Mosk::Ptr<PolicyInput const>();
@@ -43,11 +43,11 @@ void PolicyInputSm::InputReactor::onPolicyInput(PolicySource const& source) {
   }
 }
 
-void PolicyInputSm::InputReactor::onPolicyInput() {
+void PolicyInputSm::MoskInput::onPolicyInput() {
   sm_->syncPolicyReactors();
 }
 
-void PolicyInputSm::PolicyReactor::onPolicyInputEntry(PolicyId const& policyId) {
+void PolicyInputSm::MoskPolicy::onPolicyInputEntry(PolicyId const& policyId) {
   if (active_) sm_->handlePolicyEntry(policyId);
 }
 
@@ -66,7 +66,7 @@ PolicyInputSm::PolicyInputSm(Mosk::Ptr<PolicyInputSource const> input,
       segmentIdToSegmentList_(std::move(segmentIdToSegmentList)),
       policyKeyToIdMap_(std::move(policyKeyToIdMap)) {
   if (input_) {
-    inputReactor_ = Mosk::Ptr<InputReactor>(new InputReactor(this));
+    inputReactor_ = Mosk::Ptr<MoskInput>(new MoskInput(this));
     inputReactor_->notifierIs(input_);
     syncPolicyReactors();
   }
@@ -276,7 +276,7 @@ void PolicyInputSm::inputIs(Mosk::Ptr<PolicyInputSource const> const& input) {
   if (!input_) {
     inputDel();
   } else {
-    if (!inputReactor_) inputReactor_ = Mosk::Ptr<InputReactor>(new InputReactor(this));
+    if (!inputReactor_) inputReactor_ = Mosk::Ptr<MoskInput>(new MoskInput(this));
     inputReactor_->notifierIs(input_);
   }
   if (!changed) return;
@@ -295,9 +295,9 @@ void PolicyInputSm::inputDel() {
   inputReactor_ = nullptr;
 }
 
-Mosk::Ptr<PolicyInputSm::PolicyReactor> PolicyInputSm::policy(PolicySource source) const {
-  Mosk::Ptr<PolicyReactor> const* reactor = policy_.find(source);
-  return reactor ? *reactor : Mosk::Ptr<PolicyReactor>();
+Mosk::Ptr<PolicyInputSm::MoskPolicy> PolicyInputSm::policy(PolicySource source) const {
+  Mosk::Ptr<MoskPolicy> const* reactor = policy_.find(source);
+  return reactor ? *reactor : Mosk::Ptr<MoskPolicy>();
 }
 
 void PolicyInputSm::policyIs(PolicySource source, Mosk::Ptr<PolicyInput const> const& policyInput) {
@@ -305,7 +305,7 @@ void PolicyInputSm::policyIs(PolicySource source, Mosk::Ptr<PolicyInput const> c
     policyDel(source);
     return;
   }
-  if (Mosk::Ptr<PolicyReactor> const* reactor = policy_.find(source)) {
+  if (Mosk::Ptr<MoskPolicy> const* reactor = policy_.find(source)) {
     (*reactor)->notifierIs(policyInput);
     return;
   }
@@ -316,13 +316,13 @@ void PolicyInputSm::newPolicy(PolicySource source,
                               Mosk::Ptr<PolicyInput const> const& policyInput) {
   if (!policyInput) Mosk::throwNullValidPtr();
   policyDel(source);
-  Mosk::Ptr<PolicyReactor> reactor(new PolicyReactor(this, source));
+  Mosk::Ptr<MoskPolicy> reactor(new MoskPolicy(this, source));
   reactor->notifierIs(policyInput);
   policy_.set(source, reactor);
 }
 
 void PolicyInputSm::policyDel(PolicySource source) {
-  Mosk::Ptr<PolicyReactor> const* reactor = policy_.find(source);
+  Mosk::Ptr<MoskPolicy> const* reactor = policy_.find(source);
   if (reactor == nullptr) return;
   (*reactor)->notifierIs(nullptr);
   policy_.erase(source);

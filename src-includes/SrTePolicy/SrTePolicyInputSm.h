@@ -22,9 +22,9 @@ namespace SrTePolicy {
 class PolicyInputSm : public Mosk::Entity {
  public:
   // Watches the PolicyInputSource and forwards its notifications.
-  class InputReactor : public PolicyInputSource::NotifieeConst {
+  class MoskInput : public PolicyInputSource::NotifieeConst {
    public:
-    explicit InputReactor(PolicyInputSm* sm) : sm_(sm) {}
+    explicit MoskInput(PolicyInputSm* sm) : sm_(sm) {}
     void onPolicyInput(PolicySource const& source) override;
     void onPolicyInput() override;
     // An inactive reactor runs no full pass, but still keeps the policy reactors in line with
@@ -41,9 +41,9 @@ class PolicyInputSm : public Mosk::Entity {
 
   // Watches one source's PolicyInput. The source it was attached for never overrides the
   // source bits of the policy ids it hears about.
-  class PolicyReactor : public PolicyInput::NotifieeConst {
+  class MoskPolicy : public PolicyInput::NotifieeConst {
    public:
-    PolicyReactor(PolicyInputSm* sm, PolicySource source) : sm_(sm), source_(source) {}
+    MoskPolicy(PolicyInputSm* sm, PolicySource source) : sm_(sm), source_(source) {}
     PolicySource source() const { return source_; }
     void onPolicyInputEntry(PolicyId const& policyId) override;
     // Collection-wide changes of a table are ignored: its writer notifies every key it changes.
@@ -119,7 +119,7 @@ class PolicyInputSm : public Mosk::Entity {
   // The input reactor. inputIs re-points it (null detaches it) together with the input the
   // machine reads, brings the policy reactors in line with the new input's sources and, once
   // initialized, runs a full pass; re-pointing to the same input does nothing.
-  Mosk::Ptr<InputReactor> const& inputReactor() const { return inputReactor_; }
+  Mosk::Ptr<MoskInput> const& inputReactor() const { return inputReactor_; }
   void inputIs(Mosk::Ptr<PolicyInputSource const> const& input);
   // As inputIs, with a fresh reactor even when the input is the same.
   void newInput(Mosk::Ptr<PolicyInputSource const> const& input);
@@ -128,7 +128,7 @@ class PolicyInputSm : public Mosk::Entity {
 
   // The policy reactors, one per source. policyIs creates the reactor of `source` or re-points
   // it to `policyInput` (null removes it); newPolicy always makes a fresh one.
-  Mosk::Ptr<PolicyReactor> policy(PolicySource source) const;
+  Mosk::Ptr<MoskPolicy> policy(PolicySource source) const;
   U32 policyCount() const { return policy_.size(); }
   void policyIs(PolicySource source, Mosk::Ptr<PolicyInput const> const& policyInput);
   void newPolicy(PolicySource source, Mosk::Ptr<PolicyInput const> const& policyInput);
@@ -151,8 +151,8 @@ class PolicyInputSm : public Mosk::Entity {
   Mosk::Ptr<PolicyKeyToIdMap> const policyKeyToIdMap_;
   bool initialized_ = false;
 
-  Mosk::Ptr<InputReactor> inputReactor_;
-  Mosk::HashMap<PolicySource, Mosk::Ptr<PolicyReactor>> policy_;
+  Mosk::Ptr<MoskInput> inputReactor_;
+  Mosk::HashMap<PolicySource, Mosk::Ptr<MoskPolicy>> policy_;
 };
 
 inline Mosk::Ptr<PolicyInputSm> policyInputSmFactory(

@@ -6,6 +6,7 @@
 #include <map>
 #include <random>
 #include <set>
+#include <tuple>
 #include <vector>
 
 #include "Flicker/Flicker.h"
@@ -24,6 +25,13 @@ Stack labels(SegmentList const& l) {
   Stack out;
   for (U32 i = 0; i < l.size(); ++i)
     out.push_back(l.segmentLabel(i).value());
+  return out;
+}
+
+Stack stackOf(MplsLabelOperation const& op) {
+  Stack out;
+  for (U32 i = 0; i < op.size(); ++i)
+    out.push_back(op.label(i).value());
   return out;
 }
 
@@ -71,86 +79,81 @@ class PolicyInputSmTest : public ::testing::Test {
   // The stacks of a candidate's lists with their weights, read through the reverse map.
   std::map<Stack, U32> listsOf(PolicyId id) {
     std::map<Stack, U32> out;
-    for (auto c = psi->policyIdEntry(id.value())->wSegmentListIter(); c; ++c)
-      out[labels(*users->segmentListUser(c.key())->segmentList())] = c.value().value();
+    for (auto c = psi->policyIdEntry(id.value())->wSegmentListIter(); c; ++c) {
+      auto user = users->segmentListUser(c.key());
+      EXPECT_TRUE(user) << "list " << c.key() << " of " << id << " is not registered";
+      out[user ? labels(*user->segmentList()) : Stack{0}] = c.value().value();
+    }
     return out;
   }
 
-  // Every output equals what the input tables say, and the store holds exactly what is used.
+  // Every output equals a recomputation from the input tables, and the store holds exactly the
+  // segments and lists in use.
   void checkAgainstInput() {
-    std::map<U32, PolicyInputEntry> expected;
+    using Candidate = std::tuple<PolicyKey, PolicySource, U32, U32, std::map<Stack, U32>>;
+    std::map<U32, Candidate> want, have;
+    std::map<PolicyKey, std::set<U32>> wantKeys, haveKeys;
+    std::map<U32, std::set<U32>> wantUsers, haveUsers;
+    std::map<U32, std::set<SegmentList const*>> wantSegs, haveSegs;
     for (auto s = sources->policyInputIter(); s; ++s) {
       for (auto k = s.value()->policyInputEntryIter(); k; ++k) {
         auto home = sources->policyInput(k.key().source());
-        if (auto r = home ? home->policyInputEntry(k.key()) : std::nullopt)
-          expected.emplace(k.key().value(), *r);
+        auto r = home ? home->policyInputEntry(k.key()) : std::nullopt;
+        if (!r) continue;
+        std::map<Stack, U32> lists;
+        for (auto w = r->segmentListBegin(); w != r->segmentListEnd(); ++w)
+          lists[stackOf(w->segList())] = w->weight().value();
+        PolicyKey key(r->endpoint(), r->color());
+        want[k.key().value()] = {key, k.key().source(), r->preference().value(),
+                                 r->bindingSid().value(), lists};
+        wantKeys[key].insert(k.key().value());
       }
     }
-    ASSERT_EQ(psi->policyIdEntryCount(), expected.size());
-    std::map<PolicyKey, std::set<U32>> keyIds;
-    std::map<U32, std::set<U32>> listUsers;
-    for (auto& [id, r] : expected) {
-      auto e = psi->policyIdEntry(id);
-      ASSERT_TRUE(e) << id;
-      EXPECT_EQ(e->key(), PolicyKey(r.endpoint(), r.color()));
-      EXPECT_EQ(e->source(), PolicyId(id).source());
-      EXPECT_EQ(e->preference(), r.preference());
-      EXPECT_EQ(e->bindingSid(), r.bindingSid());
-      std::map<Stack, U32> lists;
-      for (auto w = r.segmentListBegin(); w != r.segmentListEnd(); ++w) {
-        Stack st;
-        for (U32 i = 0; i < w->segList().size(); ++i)
-          st.push_back(w->segList().label(i).value());
-        lists[st] = w->weight().value();
-      }
-      EXPECT_EQ(listsOf(PolicyId(id)), lists) << id;
-      keyIds[e->key()].insert(id);
+    for (auto e = psi->policyIdEntryIterConst(); e; ++e) {
+      have[e->id()] = {e->key(), e->source(), e->preference().value(), e->bindingSid().value(),
+                       listsOf(PolicyId(e->id()))};
       for (auto c = e->wSegmentListIter(); c; ++c)
-        listUsers[c.key().value()].insert(id);
+        wantUsers[c.key().value()].insert(e->id());
     }
-    ASSERT_EQ(keys->mapEntryCount(), keyIds.size());
-    for (auto& [key, ids] : keyIds) {
-      auto m = keys->mapEntry(key);
-      ASSERT_TRUE(m);
-      EXPECT_EQ(m->policyIdCount(), ids.size());
-      for (U32 id : ids)
-        EXPECT_TRUE(m->policyId(PolicyId(id)));
+    EXPECT_EQ(have, want);
+    for (auto m = keys->mapEntryIterConst(); m; ++m) {
+      auto& ids = haveKeys[m->key()];
+      for (auto c = m->policyIdIter(); c; ++c)
+        ids.insert(c.key().value());
     }
-    ASSERT_EQ(users->segmentListUserCount(), listUsers.size());
-    std::map<U32, std::set<SegmentList const*>> segUsers;
-    for (auto& [listId, ids] : listUsers) {
-      auto u = users->segmentListUser(SegmentListId(listId));
-      ASSERT_TRUE(u);
-      EXPECT_EQ(u->segmentList()->segmentListId(), SegmentListId(listId));
-      EXPECT_EQ(u->policyIdCount(), ids.size());
-      for (U32 id : ids)
-        EXPECT_TRUE(u->policyId(PolicyId(id)));
+    EXPECT_EQ(haveKeys, wantKeys);
+    for (auto u = users->segmentListUserIterConst(); u; ++u) {
+      auto& ids = haveUsers[u->segmentListId().value()];
+      for (auto c = u->policyIdIter(); c; ++c)
+        ids.insert(c.key().value());
+      EXPECT_EQ(u->segmentList()->segmentListId(), u->segmentListId());
       for (U32 i = 0; i < u->segmentList()->size(); ++i)
-        segUsers[u->segmentList()->getSegmentId(i).value()].insert(u->segmentList().ptr());
+        wantSegs[u->segmentList()->getSegmentId(i).value()].insert(u->segmentList().ptr());
     }
-    ASSERT_EQ(segLists->segmentListCount(), segUsers.size());
-    for (auto& [segId, lists] : segUsers) {
-      auto col = segLists->segmentList(SegmentId(segId));
-      ASSERT_TRUE(col);
-      EXPECT_EQ(col->segmentListPtrCount(), lists.size());
-      for (SegmentList const* l : lists)
-        EXPECT_TRUE(col->segmentListPtr(Ptr<SegmentList const>(l)));
+    EXPECT_EQ(haveUsers, wantUsers);
+    for (auto c = segLists->segmentListIter(); c; ++c) {
+      auto& lists = haveSegs[c.key().value()];
+      for (auto l = c.value()->segmentListPtrIter(); l; ++l)
+        lists.insert(l.key().ptr());
     }
-    EXPECT_EQ(core->notifyingSegmentListCollection()->segmentListNotifierCount(), listUsers.size());
-    EXPECT_EQ(core->segListDedupTablePtr()->dedupTable()->size(), listUsers.size());
-    EXPECT_EQ(core->notifyingSegmentCollection()->segmentNotifierCount(), segUsers.size());
-    EXPECT_EQ(core->segDedupTablePtr()->dedupTable()->size(), segUsers.size());
-    // An id that was not live before must be new: ids are never handed out twice.
-    for (auto& [id, ignored] : listUsers)
-      EXPECT_TRUE(liveLists.count(id) || id > maxList) << "list id reused: " << id;
-    for (auto& [id, ignored] : segUsers)
-      EXPECT_TRUE(liveSegs.count(id) || id > maxSeg) << "segment id reused: " << id;
-    liveLists.clear();
-    liveSegs.clear();
-    for (auto& [id, ignored] : listUsers)
-      maxList = std::max(maxList, *liveLists.insert(id).first);
-    for (auto& [id, ignored] : segUsers)
-      maxSeg = std::max(maxSeg, *liveSegs.insert(id).first);
+    EXPECT_EQ(haveSegs, wantSegs);
+    EXPECT_EQ(core->notifyingSegmentListCollection()->segmentListNotifierCount(), haveUsers.size());
+    EXPECT_EQ(core->segListDedupTablePtr()->dedupTable()->size(), haveUsers.size());
+    EXPECT_EQ(core->notifyingSegmentCollection()->segmentNotifierCount(), haveSegs.size());
+    EXPECT_EQ(core->segDedupTablePtr()->dedupTable()->size(), haveSegs.size());
+    neverReused(haveUsers, liveLists, maxList);
+    neverReused(haveSegs, liveSegs, maxSeg);
+  }
+  // An id that was not live at the last check must be above every id seen before.
+  template <class M>
+  void neverReused(M const& now, std::set<U32>& live, U32& max) {
+    std::set<U32> next;
+    for (auto& [id, ignored] : now) {
+      EXPECT_TRUE(live.count(id) || id > max) << "id handed out again: " << id;
+      next.insert(id);
+    }
+    if (!next.empty()) max = std::max(max, *next.rbegin());
+    live.swap(next);
   }
 
   Ptr<PolicyInputSource> sources = policyInputSourceFactory();
@@ -313,8 +316,10 @@ TEST_F(PolicyInputSmTest, NothingHappensWhileNotInitialized) {
 TEST_F(PolicyInputSmTest, DuplicateStacksCollapseAndEmptyCandidatesCount) {
   start();
   PolicyId a = PolicyId::make(kBgp, 1), empty = PolicyId::make(kBgp, 2);
-  table(kBgp)->policyInputEntryIs(record(a, 1, {{2, {5, 6}}, {1, {7}}, {5, {5, 6}}}));
-  EXPECT_EQ(listsOf(a), (std::map<Stack, U32>{{{5, 6}, 5}, {{7}, 1}}));
+  table(kBgp)->policyInputEntryIs(record(a, 1, {{2, {5, 6}}, {1, {7, 7}}, {5, {5, 6}}}));
+  EXPECT_EQ(listsOf(a), (std::map<Stack, U32>{{{5, 6}, 5}, {{7, 7}, 1}}));
+  table(kBgp)->policyInputEntryIs(record(a, 1, {{5, {5, 6}}}));
+  EXPECT_FALSE(core->segDedupTablePtr()->lookupByLabel(Ludd::MplsLabel(7)));
   table(kBgp)->policyInputEntryIs(record(empty, 4, {}, 1234));
   EXPECT_EQ(psi->policyIdEntry(empty.value())->wSegmentListCount(), 0u);
   EXPECT_EQ(psi->policyIdEntry(empty.value())->bindingSid(), Ludd::MplsLabel(1234));
@@ -363,7 +368,11 @@ TEST_F(PolicyInputSmTest, FullPassStopsAtACorruptTableOnly) {
 TEST_F(PolicyInputSmTest, InputReactorKeepsPolicyReactorsInStep) {
   start();
   sm->inputReactor()->hasNotificationActiveIs(false);
-  table(kBgp)->policyInputEntryIs(record(PolicyId::make(kBgp, 1), 1, {}));
+  auto bgp = tables[U32(kBgp)] = policyInputFactory("bgp");
+  bgp->policyInputEntryIs(record(PolicyId::make(kBgp, 1), 1, {}));
+  sources->policyInputIs(kBgp, bgp);
+  EXPECT_EQ(psi->policyIdEntryCount(), 0u) << "an inactive input reactor ran a full pass";
+  bgp->policyInputEntryIs(record(PolicyId::make(kBgp, 2), 2, {}));
   EXPECT_EQ(psi->policyIdEntryCount(), 1u) << "the reactor of a new source was not attached";
   sm->inputDel();
   sources->policyInputIs(kPcep, policyInputFactory("pcep"));
