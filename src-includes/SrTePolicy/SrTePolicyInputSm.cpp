@@ -1,0 +1,346 @@
+#include "SrTePolicy/SrTePolicyInputSm.h"
+
+#include <optional>
+
+#include "Flicker/Flicker.h"
+
+namespace SrTePolicy {
+
+namespace {
+
+Flicker::TraceHandle inputSmTrace("SrTePolicyInputSm");
+
+// The source's record of `policyId`, copied out of its table; nothing when the source, its
+// table or the record is missing. The source is the one the id's top two bits name.
+std::optional<PolicyInputEntry> readInputEntry(PolicyInputSource const* input,
+                                               PolicyId const& policyId) {
+  if (input == nullptr) return std::nullopt;
+  Mosk::Ptr<PolicyInput const> table = input->policyInput(policyId.source());
+  if (!table) return std::nullopt;
+  return table->policyInputEntry(policyId);
+}
+
+// The two halves of an address's sixteen bytes, for the binary trace.
+U64 addressHalf(EndPoint const& endpoint, U32 half) {
+  U64 out = 0;
+  for (U32 i = 0; i < 8; ++i)
+    out = out << 8 | endpoint.bytes()[half * 8 + i];
+  return out;
+}
+
+}  // namespace
+
+// Reactors
+
+void PolicyInputSm::MoskInput::onPolicyInput(PolicySource const& source) {
+  if (active_) sm_->handleSource();
+  Mosk::Ptr<PolicyInput const> policyInput =
+      sm_->input_ ? sm_->input_->policyInput(source) : Mosk::Ptr<PolicyInput const>();
+  if (policyInput) {
+    sm_->policyIs(source, policyInput);
+  } else {
+    sm_->policyDel(source);
+  }
+}
+
+void PolicyInputSm::MoskInput::onPolicyInput() {
+  sm_->syncPolicyReactors();
+}
+
+void PolicyInputSm::MoskPolicy::onPolicyInputEntry(PolicyId const& policyId) {
+  if (active_) sm_->handlePolicyEntry(policyId);
+}
+
+// Life cycle
+
+PolicyInputSm::PolicyInputSm(Mosk::Ptr<PolicyInputSource const> input,
+                             Mosk::Ptr<PolicySelectionInput> policySelectionInput,
+                             Mosk::Ptr<CoreDedupTables> coreDedupTables,
+                             Mosk::Ptr<SegmentListIdToPolicyMap> segmentListIdToPolicyMap,
+                             Mosk::Ptr<SegmentIdToSegmentList> segmentIdToSegmentList,
+                             Mosk::Ptr<PolicyKeyToIdMap> policyKeyToIdMap)
+    : input_(std::move(input)),
+      policySelectionInput_(std::move(policySelectionInput)),
+      coreDedupTables_(std::move(coreDedupTables)),
+      segmentListIdToPolicyMap_(std::move(segmentListIdToPolicyMap)),
+      segmentIdToSegmentList_(std::move(segmentIdToSegmentList)),
+      policyKeyToIdMap_(std::move(policyKeyToIdMap)) {
+  if (input_) {
+    inputReactor_ = Mosk::Ptr<MoskInput>(new MoskInput(this));
+    inputReactor_->notifierIs(input_);
+    syncPolicyReactors();
+  }
+  handleInitialized();
+}
+
+PolicyInputSm::~PolicyInputSm() {
+  handleDel();
+  // Detached explicitly: a reactor that someone else still holds must not call back.
+  inputDel();
+  policyDelAll();
+}
+
+void PolicyInputSm::handleInitialized() {
+  initialized_ = true;
+  handleSource();
+}
+
+void PolicyInputSm::handleDel() {
+  if (!initialized_) return;
+  policySelectionInput_->policyIdEntryDelAll();
+  initialized_ = false;
+}
+
+// Full pass
+
+void PolicyInputSm::handleSource() {
+  if (!initialized_) return;
+  SRTE_TRACE(inputSmTrace, 9, "Source change: add new policies");
+  if (input_) {
+    for (auto source = input_->policyInputIter(); source; ++source) {
+      // Held, so that the table outlives its walk whatever the handlers below do.
+      Mosk::Ptr<PolicyInput const> table = source.value();
+      // The cursor stops once the table service reports the table corrupt.
+      for (auto key = table->policyInputEntryIter(); key; ++key)
+        handlePolicyEntry(key.key());
+    }
+  }
+  SRTE_TRACE(inputSmTrace, 9, "Source change: cleanup of stale policies");
+  // The cursor holds the entry under it, and finds its place again after that entry is gone.
+  for (auto entry = policySelectionInput_->policyIdEntryIter(); entry; ++entry) {
+    U32 id = static_cast<U32>(entry->source()) << 30 | (entry->id() & PolicyId::indexMask);
+    handlePolicyEntry(PolicyId(id));
+  }
+}
+
+// One candidate
+
+void PolicyInputSm::handlePolicyEntry(PolicyId const& policyId) {
+  if (!initialized_) return;
+  SRTE_TRACE(inputSmTrace, 6, "Policy Entry: " << policyId << " has changed");
+  std::optional<PolicyInputEntry> const record = readInputEntry(input_.ptr(), policyId);
+  if (!record) {
+    removePolicyEntry(policyId);
+    return;
+  }
+  SRTE_TRACE2(inputSmTrace, 6,
+              "Policy Id: " << policyId << " Endpoint: " << record->endpoint()
+                            << " Color: " << record->color()
+                            << " Preference: " << record->preference() << " will be added/updated",
+              "Policy Id: " << policyId
+                            << " Endpoint family: " << static_cast<U32>(record->endpoint().family())
+                            << " address: " << addressHalf(record->endpoint(), 0) << ":"
+                            << addressHalf(record->endpoint(), 1) << " Color: " << record->color()
+                            << " Preference: " << record->preference() << " will be added/updated");
+
+  PolicyKey const key(record->endpoint(), record->color());
+  // Raises, before anything is written, when the id already stands for another key or source.
+  Mosk::Ptr<PolicyIdEntry> entry = policySelectionInput_->policyIdEntryIs(
+      policyId.value(), key, record->preference(), policyId.source(), record->routerId());
+  addInPolicyKeyToIdMap(key, policyId);
+  entry->bindingSidIs(record->bindingSid());
+
+  StaleSet stale;
+  for (auto c = entry->wSegmentListIter(); c; ++c)
+    stale.insert(c.key());
+  for (WeightedSegList const* w = record->segmentListBegin(); w != record->segmentListEnd(); ++w) {
+    Mosk::Ptr<SegmentList> segList = createDedupSegmentList(w->segList());
+    registerSegmentListForPolicy(segList, policyId);
+    // A stack named twice in one candidate is one list, with the later weight.
+    entry->wSegmentListIs(segList->segmentListId(), w->weight());
+    stale.erase(segList->segmentListId());
+  }
+  for (SegmentListId const& id : stale) {
+    entry->wSegmentListDel(id);
+    deregisterSegmentListForPolicy(id, policyId);
+  }
+}
+
+void PolicyInputSm::removePolicyEntry(PolicyId const& policyId) {
+  SRTE_TRACE(inputSmTrace, 6, "Policy Id " << policyId << " will be removed");
+  Mosk::Ptr<PolicyIdEntry> entry = policySelectionInput_->policyIdEntry(policyId.value());
+  if (!entry) return;
+  for (auto c = entry->wSegmentListIter(); c; ++c)
+    deregisterSegmentListForPolicy(c.key(), policyId);
+  PolicyKey const key = entry->key();
+  policySelectionInput_->policyIdEntryDel(policyId.value());
+  deleteFromPolicyKeyToIdMap(key, policyId);
+}
+
+// Segment lists and the reverse maps
+
+Mosk::Ptr<SegmentList> PolicyInputSm::createDedupSegmentList(
+    Ludd::MplsLabelOperation const& labelStack) {
+  SRTE_TRACE2(inputSmTrace, 9, "Creating dedup segmentList for label stack: " << labelStack,
+              "Creating dedup segmentList for label stack: "
+                  << labelStack.label(0U) << " " << labelStack.label(1U) << " "
+                  << labelStack.label(2U) << " " << labelStack.label(3U) << " "
+                  << labelStack.label(4U) << " " << labelStack.label(5U));
+  SegmentDedupTable const& segments = *coreDedupTables_->segDedupTablePtr();
+  // The list is first put together on the stack: most stacks are known already, and then
+  // nothing is allocated. A new stack is copied into a counted list and inserted.
+  SegmentList candidate;
+  U8 const size = labelStack.size();
+  for (U32 i = 0; i < size; ++i) {
+    Ludd::MplsStackEntryIndex const position(i);
+    Ludd::MplsLabel const label = labelStack.label(position);
+    Mosk::Ptr<SegmentBase const> segment = segments.lookupByLabel(label);
+    if (!segment)
+      segment = segmentMplsLabelFactory(SegmentType::segMplsLabel, label)->dedup(segments);
+    candidate.segmentIs(position, segment);
+  }
+  candidate.sizeIs(size);
+  SegmentListDedupTable const& lists = *coreDedupTables_->segListDedupTablePtr();
+  if (Mosk::Ptr<Vell::DedupHandle> known = lists.dedupTable()->lookup(candidate)) {
+    return Mosk::ptrCast<SegmentList>(known);
+  }
+  return Mosk::Ptr<SegmentList>(new SegmentList(candidate))->dedup(lists);
+}
+
+void PolicyInputSm::registerSegmentListForPolicy(Mosk::Ptr<SegmentList const> const& segList,
+                                                 PolicyId const& policyId) {
+  SRTE_TRACE(inputSmTrace, 9,
+             "Registration of SegmentList Id: " << segList->segmentListId()
+                                                << " for Policy Id: " << policyId);
+  Mosk::Ptr<SegmentListUser> user =
+      segmentListIdToPolicyMap_->segmentListUserIs(segList->segmentListId(), segList);
+  if (user->policyIdCount() == 0) {
+    for (U32 i = 0; i < segList->size(); ++i)
+      registerSegmentIdForSegmentList(segList->getSegmentId(i), segList);
+  }
+  user->policyIdIs(policyId, true);
+}
+
+void PolicyInputSm::deregisterSegmentListForPolicy(SegmentListId const& segmentListId,
+                                                   PolicyId const& policyId) {
+  SRTE_TRACE(inputSmTrace, 9,
+             "Removing registration of SegmentList Id: " << segmentListId
+                                                         << " for Policy Id: " << policyId);
+  Mosk::Ptr<SegmentListUser> user = segmentListIdToPolicyMap_->segmentListUser(segmentListId);
+  if (!user) return;
+  user->policyIdDel(policyId);
+  if (user->policyIdCount() > 0) return;
+  // Held until the segments are deregistered; the list leaves its dedup table when it goes.
+  Mosk::Ptr<SegmentList const> segList = user->segmentList();
+  segmentListIdToPolicyMap_->segmentListUserDel(segmentListId);
+  for (U32 i = 0; i < segList->size(); ++i)
+    deregisterSegmentIdForSegmentList(segList->getSegmentId(i), segList);
+}
+
+void PolicyInputSm::registerSegmentIdForSegmentList(SegmentId const& segmentId,
+                                                    Mosk::Ptr<SegmentList const> const& segList) {
+  SRTE_TRACE(inputSmTrace, 9,
+             "Registering Segment Id: " << segmentId
+                                        << " for segmentList Id: " << segList->segmentListId());
+  Mosk::Ptr<SegmentListCollection> segListCol = segmentIdToSegmentList_->segmentList(segmentId);
+  if (!segListCol) {
+    segListCol = segmentListCollectionFactory();
+    segmentIdToSegmentList_->segmentListIs(segmentId, segListCol);
+  }
+  MOSK_ASSERT(segListCol);
+  segListCol->segmentListPtrIs(segList, true);
+}
+
+void PolicyInputSm::deregisterSegmentIdForSegmentList(SegmentId const& segmentId,
+                                                      Mosk::Ptr<SegmentList const> const& segList) {
+  SRTE_TRACE2(inputSmTrace, 9,
+              "Removing registration of Segment Id: " << segmentId << " from segmentList Id: "
+                                                      << segList->segmentListId(),
+              "Removing registering Segment Id: " << segmentId << " from segmentList Id: "
+                                                  << segList->segmentListId());
+  Mosk::Ptr<SegmentListCollection> segListCol = segmentIdToSegmentList_->segmentList(segmentId);
+  // Absent when a list names one segment twice and the first position took it out already.
+  if (!segListCol) return;
+  segListCol->segmentListPtrDel(segList);
+  if (segListCol->segmentListPtrCount() == 0) segmentIdToSegmentList_->segmentListDel(segmentId);
+}
+
+// The policy key map
+
+void PolicyInputSm::addInPolicyKeyToIdMap(PolicyKey const& key, PolicyId const& policyId) {
+  policyKeyToIdMap_->mapEntryIs(key)->policyIdIs(policyId, true);
+}
+
+void PolicyInputSm::deleteFromPolicyKeyToIdMap(PolicyKey const& key, PolicyId const& policyId) {
+  Mosk::Ptr<PolicyKeyToIdMapEntry> mapEntry = policyKeyToIdMap_->mapEntry(key);
+  if (!mapEntry) return;
+  mapEntry->policyIdDel(policyId);
+  if (mapEntry->policyIdCount() == 0) policyKeyToIdMap_->mapEntryDel(key);
+}
+
+// Reactor management
+
+void PolicyInputSm::inputIs(Mosk::Ptr<PolicyInputSource const> const& input) {
+  bool const changed = input != input_;
+  input_ = input;
+  if (!input_) {
+    inputDel();
+  } else {
+    if (!inputReactor_) inputReactor_ = Mosk::Ptr<MoskInput>(new MoskInput(this));
+    inputReactor_->notifierIs(input_);
+  }
+  if (!changed) return;
+  handleSource();
+  syncPolicyReactors();
+}
+
+void PolicyInputSm::newInput(Mosk::Ptr<PolicyInputSource const> const& input) {
+  inputDel();
+  inputIs(input);
+}
+
+void PolicyInputSm::inputDel() {
+  if (!inputReactor_) return;
+  inputReactor_->notifierIs(nullptr);
+  inputReactor_ = nullptr;
+}
+
+Mosk::Ptr<PolicyInputSm::MoskPolicy> PolicyInputSm::policy(PolicySource source) const {
+  Mosk::Ptr<MoskPolicy> const* reactor = policy_.find(source);
+  return reactor ? *reactor : Mosk::Ptr<MoskPolicy>();
+}
+
+void PolicyInputSm::policyIs(PolicySource source, Mosk::Ptr<PolicyInput const> const& policyInput) {
+  if (!policyInput) {
+    policyDel(source);
+    return;
+  }
+  if (Mosk::Ptr<MoskPolicy> const* reactor = policy_.find(source)) {
+    (*reactor)->notifierIs(policyInput);
+    return;
+  }
+  newPolicy(source, policyInput);
+}
+
+void PolicyInputSm::newPolicy(PolicySource source,
+                              Mosk::Ptr<PolicyInput const> const& policyInput) {
+  if (!policyInput) Mosk::throwNullValidPtr();
+  policyDel(source);
+  Mosk::Ptr<MoskPolicy> reactor(new MoskPolicy(this, source));
+  reactor->notifierIs(policyInput);
+  policy_.set(source, reactor);
+}
+
+void PolicyInputSm::policyDel(PolicySource source) {
+  Mosk::Ptr<MoskPolicy> const* reactor = policy_.find(source);
+  if (reactor == nullptr) return;
+  (*reactor)->notifierIs(nullptr);
+  policy_.erase(source);
+}
+
+void PolicyInputSm::policyDelAll() {
+  for (auto c = policy_.cursor(); c; ++c)
+    policyDel(c.key());
+}
+
+void PolicyInputSm::syncPolicyReactors() {
+  if (input_) {
+    for (auto c = input_->policyInputIter(); c; ++c)
+      policyIs(c.key(), c.value());
+  }
+  for (auto c = policy_.cursor(); c; ++c) {
+    if (!input_ || !input_->policyInput(c.key())) policyDel(c.key());
+  }
+}
+
+}  // namespace SrTePolicy
