@@ -46,8 +46,8 @@ SrTePolicyLfibGenSm::~SrTePolicyLfibGenSm() {
 
 std::optional<Ludd::MplsLabel> SrTePolicyLfibGenSm::policyKeyBindingSidMap(
     PolicyKey const& key) const {
-  Ludd::MplsLabel const* label = policyKeyBindingSidMap_.find(key);
-  return label ? std::optional<Ludd::MplsLabel>(*label) : std::nullopt;
+  Installed const* installed = policyKeyBindingSidMap_.find(key);
+  return installed ? std::optional<Ludd::MplsLabel>(installed->bindingSid) : std::nullopt;
 }
 
 void SrTePolicyLfibGenSm::handleInitialized() {
@@ -72,23 +72,19 @@ void SrTePolicyLfibGenSm::handlePolicy(PolicyKey const& key) {
   bool const qualifies = entry && entry->weightedViaSet() &&
                          entry->weightedViaSet()->weightedViaCount() > 0 &&
                          !entry->bindingSid().isNone();
-  Ludd::MplsLabel const* installed = policyKeyBindingSidMap_.find(key);
+  Installed const* installed = policyKeyBindingSidMap_.find(key);
   if (qualifies) {
     Mpls::Status& lfib = lfibOf(*lfibStatus_);
     if (installed != nullptr) {
-      Ludd::MplsLabel const oldBindingSid = *installed;
-      Mpls::RouteKey const oldRouteKey(oldBindingSid, kRouteKeySource);
-      U64 const oldAdj = Mpls::Status::getExtFecAdjacency(lfib.lfibRoute(oldRouteKey));
+      Installed const old = *installed;
       SRTE_TRACE2(traceHandle, 5,
                   "Removing the LFIB entry for policy Endpoint: "
-                      << key.endpoint() << " Color: " << key.color() << " BSID: " << oldBindingSid
-                      << " Adj ID: " << oldAdj,
+                      << key.endpoint() << " Color: " << key.color() << " BSID: " << old.bindingSid
+                      << " Adj ID: " << old.adjIndex,
                   "Removing the LFIB entry for policy Endpoint: "
                       << endpointWord(key.endpoint()) << " Color: " << key.color()
-                      << " BSID: " << oldBindingSid << " Adj ID: " << oldAdj);
-      lfib.lfibExtFecAdjacencyDel(oldAdj);
-      lfib.lfibRouteDel(oldRouteKey);
-      adjIdxAlloc_->releaseAdjacencyIndex(kLfibSource, oldAdj);
+                      << " BSID: " << old.bindingSid << " Adj ID: " << old.adjIndex);
+      removeLfibEntry(lfib, old);
     }
     Ludd::MplsLabel const bindingSid = entry->bindingSid();
     U64 const adj = adjIdxAlloc_->getAdjacencyIndex(kLfibSource);
@@ -104,21 +100,25 @@ void SrTePolicyLfibGenSm::handlePolicy(PolicyKey const& key) {
                 "Added the LFIB entry for policy Endpoint: "
                     << endpointWord(key.endpoint()) << " Color: " << key.color()
                     << " BSID: " << bindingSid << " Adj ID: " << adj);
-    policyKeyBindingSidMap_.set(key, bindingSid);
+    policyKeyBindingSidMap_.set(key, Installed{bindingSid, adj});
     return;
   }
   if (installed == nullptr) return;
-  Mpls::Status& lfib = lfibOf(*lfibStatus_);
-  Ludd::MplsLabel const oldBindingSid = *installed;
-  Mpls::RouteKey const oldRouteKey(oldBindingSid, kRouteKeySource);
-  U64 const oldAdj = Mpls::Status::getExtFecAdjacency(lfib.lfibRoute(oldRouteKey));
-  lfib.lfibExtFecAdjacencyDel(oldAdj);
-  lfib.lfibRouteDel(oldRouteKey);
-  adjIdxAlloc_->releaseAdjacencyIndex(kLfibSource, oldAdj);
+  Installed const old = *installed;
+  removeLfibEntry(lfibOf(*lfibStatus_), old);
   policyKeyBindingSidMap_.erase(key);
-  SRTE_TRACE(
-      traceHandle, 5,
-      "Policy deleted, Delete LFIB for BSID: " << oldBindingSid << ", release adjId " << oldAdj);
+  SRTE_TRACE(traceHandle, 5,
+             "Policy deleted, Delete LFIB for BSID: " << old.bindingSid << ", release adjId "
+                                                      << old.adjIndex);
+}
+
+void SrTePolicyLfibGenSm::removeLfibEntry(Mpls::Status& lfib, Installed const& installed) {
+  Mpls::RouteKey const routeKey(installed.bindingSid, kRouteKeySource);
+  lfib.lfibExtFecAdjacencyDel(installed.adjIndex);
+  if (Mpls::Status::getExtFecAdjacency(lfib.lfibRoute(routeKey)) == installed.adjIndex) {
+    lfib.lfibRouteDel(routeKey);
+  }
+  adjIdxAlloc_->releaseAdjacencyIndex(kLfibSource, installed.adjIndex);
 }
 
 void SrTePolicyLfibGenSm::handleDel() {

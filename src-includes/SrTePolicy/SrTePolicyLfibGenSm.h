@@ -7,6 +7,8 @@
 // adjacency and adjacency index go first, then a new index is allocated and the route is
 // installed afresh, so a reader never sees an index stand for another FEC. An entry that stops
 // qualifying (gone, no binding SID, no tunnels) has its route, adjacency and index removed.
+// Two policies that claim one binding SID share its route, the later install winning; removing
+// either never touches the other's adjacency or index.
 // Runs synchronously from PolicyStatus notifications; the batching happens in PolicyPublishSm.
 #pragma once
 
@@ -79,7 +81,18 @@ class SrTePolicyLfibGenSm : public Mosk::Entity {
   Mosk::Ptr<SrTePolicyLfibStatus> const lfibStatus_;
   Mosk::Ptr<MplsHelper::LfibGenAdjIdxAllocator> const adjIdxAlloc_;
   U32 routeMetric_ = 0;
-  Mosk::HashMap<PolicyKey, Ludd::MplsLabel> policyKeyBindingSidMap_;
+  // What is installed for a key: the binding SID and the adjacency index behind its route.
+  struct Installed {
+    Ludd::MplsLabel bindingSid;
+    U64 adjIndex;
+    bool operator==(Installed const&) const = default;
+  };
+
+  // Removes the installed entry `installed`: its external FEC adjacency and index, and its route
+  // unless another policy's entry has taken the binding SID over since.
+  void removeLfibEntry(Mpls::Status& lfib, Installed const& installed);
+
+  Mosk::HashMap<PolicyKey, Installed> policyKeyBindingSidMap_;
   Mosk::HashMap<PolicyKey, Mosk::Ptr<NestedPolicyReactor>> nestedPolicy_;
   bool initialized_ = false;
   Mosk::Ptr<PolicyStatusReactor> policyStatusReactor_;

@@ -114,6 +114,8 @@ void PolicyPublishSm::handleTaskRun() {
     task_->scheduleTask();
   } else {
     pendingBookmark_ = PendingKeyBookmark();
+    // Give back the room of a large burst: walks of a sparse table scan its empty slots.
+    pendingPolicy_.clear();
   }
 }
 

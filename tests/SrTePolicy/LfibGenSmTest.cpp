@@ -34,8 +34,8 @@ class LfibGenSm : public ::testing::Test {
     Flicker::traceEnabledLevelsIs("SrTePolicyLfibGenSm", 0);
   }
   void start() { sm = srTePolicyLfibGenSmFactory(status, lfibStatus, alloc); }
-  Ptr<PolicyStatusEntry> publish(U32 bsid, U64 fecIndex, U32 vias = 1) {
-    Ptr<PolicyStatusEntry> entry = status->statusIs(kKey);
+  Ptr<PolicyStatusEntry> publish(U32 bsid, U64 fecIndex, U32 vias = 1, PolicyKey key = kKey) {
+    Ptr<PolicyStatusEntry> entry = status->statusIs(key);
     entry->bindingSidIs(MplsLabel(bsid));
     Ptr<WeightedViaSet> set = weightedViaSetFactory();
     for (U32 t = 1; t <= vias; ++t)
@@ -136,6 +136,19 @@ TEST_F(LfibGenSm, StartUpWipesAndReinstalls) {
   expectInstalled(1000, 3);
   sm = nullptr;
   EXPECT_EQ(lfib->lfibRouteCount(), 0u) << "teardown left routes";
+}
+
+// Catches a removal that deletes the route, adjacency or index of another policy that claimed
+// the same binding SID later.
+TEST_F(LfibGenSm, SharedBindingSidRemovalSparesTheOtherPolicy) {
+  start();
+  publish(1000, 3);
+  publish(1000, 4, 1, PolicyKey(Ludd::IpAddr::parse("10.0.0.2"), Color(5)));
+  U64 const otherAdj = adjOf(1000);
+  status->statusDel(kKey);
+  EXPECT_EQ(adjOf(1000), otherAdj);
+  EXPECT_TRUE(lfib->lfibExtFecAdjacency(otherAdj));
+  EXPECT_EQ(alloc->allocatedCount(kSource), 1u);
 }
 
 }  // namespace
