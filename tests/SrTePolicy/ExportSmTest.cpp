@@ -2,12 +2,8 @@
 // exported collection inspected.
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <string>
-#include <vector>
-
-#include "Flicker/Flicker.h"
 #include "SrTePolicy/SrTePolicyExportSms.h"
+#include "TraceLines.h"
 
 using namespace SrTePolicy;
 using Ludd::MplsLabel;
@@ -16,22 +12,9 @@ using Mosk::Ptr;
 
 namespace {
 
-struct Lines : Flicker::TraceSink {
-  void traceLine(Flicker::TraceLine const& l) override { text.emplace_back(l.message); }
-  std::vector<std::string> text;
-};
-
 class ExportSm : public ::testing::Test {
  protected:
-  void SetUp() override {
-    tables->handleInitialized();
-    Flicker::traceSinkIs(&lines);
-    Flicker::traceEnabledLevelsIs("SrTePolicyExport", 1u << 9);
-  }
-  void TearDown() override {
-    Flicker::traceSinkIs(nullptr);
-    Flicker::traceEnabledLevelsIs("SrTePolicyExport", 0);
-  }
+  void SetUp() override { tables->handleInitialized(); }
   void start() {
     sm = segmentListExportSmFactory(tables->notifyingSegmentListCollection(), exported);
   }
@@ -61,7 +44,7 @@ class ExportSm : public ::testing::Test {
 
   Ptr<CoreDedupTables> tables = coreDedupTablesFactory();
   Ptr<Export::SegmentListCollection> exported = Export::segmentListCollectionFactory("export");
-  Lines lines;
+  TraceLines lines{"SrTePolicyExport", 1u << 9};
   Ptr<SegmentListExportSm> sm;
 };
 
@@ -81,8 +64,7 @@ TEST_F(ExportSm, ExportsEveryListAndFollowsTheStore) {
   SegmentListId const id = a->segmentListId();
   a = nullptr;
   EXPECT_FALSE(exported->segmentList(id));
-  EXPECT_NE(std::find(lines.text.begin(), lines.text.end(), "Deleting segmentList"),
-            lines.text.end());
+  EXPECT_EQ(lines.count("Deleting segmentList"), 1);
   sm = nullptr;
   EXPECT_EQ(exported->segmentListCount(), 0u);
 }
