@@ -31,6 +31,11 @@ PolicyPublishSm::PolicyPublishSm(Mosk::Ptr<EcPolicy const> ecPolicy,
       policyStatus_(std::move(policyStatus)),
       timerWheel_(std::move(timerWheel)),
       srteFwdStatus_(std::move(srteFwdStatus)) {
+  Mosk::validPtr(ecPolicy_);
+  Mosk::validPtr(taskScheduler_);
+  Mosk::validPtr(policyStatus_);
+  Mosk::validPtr(timerWheel_);
+  Mosk::validPtr(srteFwdStatus_);
   handleInitialized();
 }
 
@@ -85,7 +90,18 @@ void PolicyPublishSm::handleTaskRun() {
   bool yielded = false;
   while (it) {
     PolicyKey const key = it.key();
-    processPolicy(key);
+    try {
+      processPolicy(key);
+    } catch (...) {
+      // A key that cannot be published must not stall the others behind it: it leaves the
+      // queue (its next change brings it back), the next run starts after it, and the error
+      // goes on to the host.
+      pendingPolicy_.erase(key);
+      ++it;
+      pendingBookmark_ = it ? PendingKeyBookmark(false, it.key()) : PendingKeyBookmark();
+      if (!pendingPolicy_.empty()) task_->scheduleTask();
+      throw;
+    }
     pendingPolicy_.erase(key);
     ++count;
     if (task_->taskShouldYield()) {

@@ -65,7 +65,8 @@ class PolicyPublishSm : public Mosk::Entity {
   // Marks `key` pending and makes the task due within delayTime().
   void handlePolicy(PolicyKey const& key);
   // Publishes or withdraws pending keys until the scheduler asks the task to yield; work left
-  // is resumed from the bookmark on the next run, which is scheduled at once.
+  // is resumed from the bookmark on the next run, which is scheduled at once. A key whose
+  // publication raises leaves the queue and the error propagates; the others stay queued.
   void handleTaskRun();
   // Publishes the active candidate of `key`, or withdraws the key when it has none.
   void processPolicy(PolicyKey const& key);
