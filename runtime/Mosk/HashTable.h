@@ -61,7 +61,7 @@ class OrderedHashTable {
       std::size_t j = i;
       while (j < total_ && slots_[j].used)
         ++j;
-      if (j == total_ || tooFull()) {
+      if (j == total_ || tooFull() || crowded(h, j)) {
         grow();
         continue;
       }
@@ -199,6 +199,20 @@ class OrderedHashTable {
     while (i < total_ && !slots_[i].used)
       ++i;
     return i < total_ ? i : npos;
+  }
+  // Keys that arrive in the hash order of another table (a copy, a walk of one map filling
+  // another) all home in the first few slots of a table sized for far more keys than it holds
+  // yet: one run grows with every insert and every insert and erase scans it. A run longer than
+  // kMaxRun from the new key's home to its free slot therefore grows the table, which spreads
+  // the run over more homes; not when the run shares one hash (growing cannot split it) or the
+  // table is already much larger than its contents. Growing never changes the iteration order.
+  static constexpr std::size_t kMaxRun = 64;
+  static constexpr std::size_t kMaxSpread = 256;
+  bool crowded(U32 h, std::size_t j) const {
+    std::size_t const start = home(h);
+    if (j - start <= kMaxRun || logCap_ >= 31) return false;
+    if ((std::size_t{1} << logCap_) >= kMaxSpread * (std::size_t{size_} + 1)) return false;
+    return slots_[start].hash != slots_[j - 1].hash;
   }
   bool tooFull() const { return logCap_ >= 4 && (size_ + 1) * 8 > (std::size_t{1} << logCap_) * 7; }
 

@@ -270,3 +270,35 @@ TEST(MoskRbTreeMap, IteratesInKeyOrderAndResumesAboveMissingKey) {
 }
 
 }  // namespace
+
+struct OneHash {
+  U32 operator()(U32) const { return 7; }
+};
+
+// Catches a copy in another table's hash order that loses or reorders keys while the crowded
+// table grows, and growth without end when every key shares one hash (growing cannot help).
+TEST(MoskHashMap, CopyInHashOrderAndSharedHashesStayCorrect) {
+  Mosk::HashMap<U32, U32> source;
+  for (U32 k = 0; k < 20000; ++k)
+    source.set(k * 7919, k);
+  Mosk::HashMap<U32, U32> copy;
+  for (auto c = source.cursor(); c; ++c)
+    copy.set(c.key(), c.value());
+  auto a = source.cursor();
+  for (auto b = copy.cursor(); b; ++b, ++a) {
+    ASSERT_TRUE(a);
+    ASSERT_EQ(a.key(), b.key());
+  }
+  EXPECT_FALSE(a);
+  for (U32 k = 0; k < 20000; k += 97)
+    EXPECT_EQ(*copy.find(k * 7919), k);
+  for (U32 k = 0; k < 20000; ++k)
+    copy.erase(k * 7919);
+  EXPECT_TRUE(copy.empty());
+
+  Mosk::HashMap<U32, bool, OneHash> same;
+  for (U32 k = 0; k < 300; ++k)
+    same.set(k, true);
+  EXPECT_EQ(same.size(), 300u);
+  EXPECT_TRUE(same.contains(299));
+}

@@ -1,0 +1,88 @@
+// SegmentListExportSm: one exported label stack per live segment list.
+#include "SrTePolicy/SrTePolicyExportSms.h"
+
+#include "Flicker/Flicker.h"
+
+namespace SrTePolicy {
+
+namespace {
+
+Flicker::TraceHandle traceHandle("SrTePolicyExport");
+
+// The label that stands for `segment` in an export.
+Ludd::MplsLabel exportedLabel(SegmentBase const* segment) {
+  if (segment == nullptr) return Ludd::MplsLabel();
+  SegmentType const type = segment->type();
+  MOSK_ASSERT_MSG(type != SegmentType::invalid, "Unsupported segment type");
+  if (type == SegmentType::segMplsLabel) {
+    return static_cast<SegmentMplsLabel const*>(segment)->label();
+  }
+  return Ludd::MplsLabel();
+}
+
+}  // namespace
+
+SegmentListExportSm::SegmentListExportSm(
+    Mosk::Ptr<NotifyingSegmentListCollection const> slNotifier,
+    Mosk::Ptr<Export::SegmentListCollection> exportedSegmentListColl)
+    : slNotifier_(std::move(slNotifier)),
+      exportedSegmentListColl_(std::move(exportedSegmentListColl)) {
+  Mosk::validPtr(slNotifier_);
+  Mosk::validPtr(exportedSegmentListColl_);
+  handleInitialized();
+}
+
+SegmentListExportSm::~SegmentListExportSm() {
+  handleDel();
+}
+
+void SegmentListExportSm::handleInitialized() {
+  SRTE_TRACE(traceHandle, 9, "handleInitialized");
+  initialized_ = true;
+  exportedSegmentListColl_->segmentListDelAll();
+  if (!segmentListReactor_) segmentListReactor_ = new SegmentListReactor(this);
+  segmentListReactor_->notifierIs(slNotifier_);
+  handleSegmentList();
+}
+
+void SegmentListExportSm::handleSegmentList() {
+  SRTE_TRACE(traceHandle, 9, "handleSegmentList");
+  for (auto c = slNotifier_->segmentListNotifierIter(); c; ++c) {
+    handleSegmentList(c.key());
+  }
+}
+
+void SegmentListExportSm::handleSegmentList(
+    Mosk::Ptr<SegmentListLifeTimeNotifier const> const& notifier) {
+  if (!initialized_) return;
+  // Raw access only: a list that is leaving the store may not be referenced again.
+  SegmentList const* list = notifier->segmentListRawPtr();
+  SegmentListId const slId = list->segmentListId();
+  SRTE_TRACE(traceHandle, 9, "handleSegmentList for slId: " << slId);
+  if (!slNotifier_->segmentListNotifier(notifier)) {
+    SRTE_TRACE(traceHandle, 9, "Deleting segmentList");
+    exportedSegmentListColl_->segmentListDel(slId);
+    return;
+  }
+  Mosk::Ptr<Export::SegmentList> const out = exportedSegmentListColl_->segmentListIs(slId);
+  U8 const size = list->size();
+  out->sizeIs(size);
+  for (U32 i = 0; i < size; ++i) {
+    Ludd::MplsStackEntryIndex const index(i);  // a seventh position raises the range error
+    out->segmentIs(index, Export::Segment(exportedLabel(list->segment(index).ptr())));
+  }
+}
+
+void SegmentListExportSm::handleDel() {
+  if (!initialized_) return;
+  SRTE_TRACE(traceHandle, 9, "handleDel");
+  initialized_ = false;
+  exportedSegmentListColl_->segmentListDelAll();
+}
+
+void SegmentListExportSm::SegmentListReactor::onSegmentListNotifier(
+    Mosk::Ptr<SegmentListLifeTimeNotifier const> const& n) {
+  sm_->handleSegmentList(n);
+}
+
+}  // namespace SrTePolicy

@@ -1,0 +1,191 @@
+// SrTePolicyLfibGenSm: qualification of status entries and the break-before-make LFIB writes.
+#include "SrTePolicy/SrTePolicyLfibGenSm.h"
+
+#include "Flicker/Flicker.h"
+
+namespace SrTePolicy {
+
+namespace {
+
+Flicker::TraceHandle traceHandle("SrTePolicyLfibGenSm");
+
+// Binding-SID routes are keyed by the label and this second key field.
+Mpls::LFib::Source const kRouteKeySource(1);
+Mpls::LFib::Source const kLfibSource(SrTePolicyLfibGenSm::lfibSource);
+
+U64 endpointWord(EndPoint const& endpoint) {
+  return endpoint.isIpv4() ? endpoint.v4().toU32() : endpoint.hash();
+}
+
+Mpls::Status& lfibOf(SrTePolicyLfibStatus& holder) {
+  Mpls::Status* lfib = holder.lfib().ptr();
+  if (lfib == nullptr) {
+    throw Mosk::RangeException("SrTePolicyLfibGenSm: '" + holder.name() +
+                               "' holds no LFIB to install binding-SID routes into");
+  }
+  return *lfib;
+}
+
+}  // namespace
+
+SrTePolicyLfibGenSm::SrTePolicyLfibGenSm(Mosk::Ptr<PolicyStatus const> policyStatus,
+                                         Mosk::Ptr<SrTePolicyLfibStatus> lfibStatus,
+                                         Mosk::Ptr<MplsHelper::LfibGenAdjIdxAllocator> adjIdxAlloc)
+    : policyStatus_(std::move(policyStatus)),
+      lfibStatus_(std::move(lfibStatus)),
+      adjIdxAlloc_(std::move(adjIdxAlloc)) {
+  Mosk::validPtr(policyStatus_);
+  Mosk::validPtr(adjIdxAlloc_);
+  lfibOf(Mosk::validPtr(lfibStatus_));
+  handleInitialized();
+}
+
+SrTePolicyLfibGenSm::~SrTePolicyLfibGenSm() {
+  handleDel();
+}
+
+std::optional<Ludd::MplsLabel> SrTePolicyLfibGenSm::policyKeyBindingSidMap(
+    PolicyKey const& key) const {
+  Installed const* installed = policyKeyBindingSidMap_.find(key);
+  return installed ? std::optional<Ludd::MplsLabel>(installed->bindingSid) : std::nullopt;
+}
+
+void SrTePolicyLfibGenSm::handleInitialized() {
+  Mpls::Status& lfib = lfibOf(*lfibStatus_);
+  lfib.lfibRouteDelAll();
+  lfib.lfibExtFecAdjacencyDelAll();
+  initialized_ = true;
+  SRTE_TRACE(traceHandle, 9, "SrTePolicyLfibGenSm initialized");
+  if (!policyStatusReactor_) policyStatusReactor_ = new PolicyStatusReactor(this);
+  policyStatusReactor_->notifierIs(policyStatus_);
+  for (auto c = policyStatus_->statusIterConst(); c; ++c) {
+    handlePolicy(c.key());
+    nestedPolicyIs(c.ptr());
+  }
+}
+
+void SrTePolicyLfibGenSm::handlePolicy(PolicyKey const& key) {
+  if (!initialized_) return;
+  SRTE_TRACE2(traceHandle, 9, "Policy: Endpoint: " << key.endpoint() << " Color: " << key.color(),
+              "Policy: Endpoint: " << endpointWord(key.endpoint()) << " Color: " << key.color());
+  Mosk::Ptr<PolicyStatusEntry const> const entry = policyStatus_->status(key);
+  bool const qualifies = entry && entry->weightedViaSet() &&
+                         entry->weightedViaSet()->weightedViaCount() > 0 &&
+                         !entry->bindingSid().isNone();
+  Installed const* installed = policyKeyBindingSidMap_.find(key);
+  if (qualifies) {
+    Mpls::Status& lfib = lfibOf(*lfibStatus_);
+    if (installed != nullptr) {
+      Installed const old = *installed;
+      SRTE_TRACE2(traceHandle, 5,
+                  "Removing the LFIB entry for policy Endpoint: "
+                      << key.endpoint() << " Color: " << key.color() << " BSID: " << old.bindingSid
+                      << " Adj ID: " << old.adjIndex,
+                  "Removing the LFIB entry for policy Endpoint: "
+                      << endpointWord(key.endpoint()) << " Color: " << key.color()
+                      << " BSID: " << old.bindingSid << " Adj ID: " << old.adjIndex);
+      removeLfibEntry(lfib, old);
+    }
+    Ludd::MplsLabel const bindingSid = entry->bindingSid();
+    U64 const adj = adjIdxAlloc_->getAdjacencyIndex(kLfibSource);
+    lfib.lfibExtFecAdjacencyIs(adj, entry->srTePolicyFecId(), Ludd::MplsLabelAction::actionPop);
+    lfib.lfibRouteIs(Mpls::LFib::Route(Mpls::RouteKey(bindingSid, kRouteKeySource),
+                                       Mpls::AdjacencyKey(adj, Mpls::AdjacencyKind::extFec),
+                                       Mpls::LFib::RouteType(), kLfibSource, routeMetric_,
+                                       Ludd::IpGenPrefix()));
+    SRTE_TRACE2(traceHandle, 5,
+                "Added the LFIB entry for policy Endpoint: "
+                    << key.endpoint() << " Color: " << key.color() << " BSID: " << bindingSid
+                    << " Adj ID: " << adj,
+                "Added the LFIB entry for policy Endpoint: "
+                    << endpointWord(key.endpoint()) << " Color: " << key.color()
+                    << " BSID: " << bindingSid << " Adj ID: " << adj);
+    policyKeyBindingSidMap_.set(key, Installed{bindingSid, adj});
+    return;
+  }
+  if (installed == nullptr) return;
+  Installed const old = *installed;
+  removeLfibEntry(lfibOf(*lfibStatus_), old);
+  policyKeyBindingSidMap_.erase(key);
+  SRTE_TRACE(traceHandle, 5,
+             "Policy deleted, Delete LFIB for BSID: " << old.bindingSid << ", release adjId "
+                                                      << old.adjIndex);
+}
+
+void SrTePolicyLfibGenSm::removeLfibEntry(Mpls::Status& lfib, Installed const& installed) {
+  Mpls::RouteKey const routeKey(installed.bindingSid, kRouteKeySource);
+  lfib.lfibExtFecAdjacencyDel(installed.adjIndex);
+  if (Mpls::Status::getExtFecAdjacency(lfib.lfibRoute(routeKey)) == installed.adjIndex) {
+    lfib.lfibRouteDel(routeKey);
+  }
+  adjIdxAlloc_->releaseAdjacencyIndex(kLfibSource, installed.adjIndex);
+}
+
+void SrTePolicyLfibGenSm::handleDel() {
+  if (!initialized_) return;
+  initialized_ = false;
+  SRTE_TRACE(traceHandle, 9, "SrTePolicyLfibGenSm is to be deleted");
+  if (Mpls::Status* lfib = lfibStatus_->lfib().ptr()) {
+    lfib->lfibRouteDelAll();
+    lfib->lfibExtFecAdjacencyDelAll();
+  }
+  policyKeyBindingSidMap_.clear();
+}
+
+// Reactors
+
+Mosk::Ptr<SrTePolicyLfibGenSm::NestedPolicyReactor> SrTePolicyLfibGenSm::nestedPolicyIs(
+    Mosk::Ptr<PolicyStatusEntry const> const& entry) {
+  if (!entry) {
+    throw Mosk::RangeException(
+        Mosk::nullMutatorMessage("nestedPolicy", "SrTePolicy::SrTePolicyLfibGenSm"));
+  }
+  PolicyKey const& key = entry->key();
+  Mosk::Ptr<NestedPolicyReactor> const* found = nestedPolicy_.find(key);
+  Mosk::Ptr<NestedPolicyReactor> reactor = found ? *found : nullptr;
+  if (!reactor) {
+    reactor = new NestedPolicyReactor(this, key);
+    nestedPolicy_.set(key, reactor);
+  }
+  reactor->notifierIs(entry);
+  return reactor;
+}
+
+void SrTePolicyLfibGenSm::nestedPolicyDel(PolicyKey const& key) {
+  nestedPolicy_.erase(key);
+}
+
+void SrTePolicyLfibGenSm::nestedPolicyDelAll() {
+  nestedPolicy_.clear();
+}
+
+SrTePolicyLfibGenSm::NestedPolicyReactor* SrTePolicyLfibGenSm::nestedPolicy(
+    PolicyKey const& key) const {
+  Mosk::Ptr<NestedPolicyReactor> const* found = nestedPolicy_.find(key);
+  return found ? found->ptr() : nullptr;
+}
+
+// The binding SID and the weighted set are handled as a FEC id change: every one of them
+// re-installs the entry.
+void SrTePolicyLfibGenSm::NestedPolicyReactor::onBindingSid() {
+  onSrTePolicyFecId();
+}
+
+void SrTePolicyLfibGenSm::NestedPolicyReactor::onWeightedViaSet() {
+  onSrTePolicyFecId();
+}
+
+void SrTePolicyLfibGenSm::NestedPolicyReactor::onSrTePolicyFecId() {
+  sm_->handlePolicy(key_);
+}
+
+void SrTePolicyLfibGenSm::PolicyStatusReactor::onStatus(PolicyKey const& key) {
+  sm_->handlePolicy(key);
+  if (Mosk::Ptr<PolicyStatusEntry const> const entry = sm_->policyStatus_->status(key)) {
+    sm_->nestedPolicyIs(entry);
+  } else {
+    sm_->nestedPolicyDel(key);
+  }
+}
+
+}  // namespace SrTePolicy

@@ -1,0 +1,318 @@
+// PolicyPublishSm: pending keys, the sliced publish task, FEC ids and the in-place FEC writes.
+#include "SrTePolicy/SrTePolicyPublishSm.h"
+
+#include "Flicker/Flicker.h"
+
+namespace SrTePolicy {
+
+namespace {
+
+Flicker::TraceHandle traceHandle("SrTePolicyPublishSm");
+
+// The number that stands for an endpoint in a binary trace record: the IPv4 address, or the
+// address hash for IPv6 (a record holds raw numbers only).
+U64 endpointWord(EndPoint const& endpoint) {
+  return endpoint.isIpv4() ? endpoint.v4().toU32() : endpoint.hash();
+}
+
+U64 fecIndex(Fib::FecId const& fecId) {
+  return fecId & Fib::adjIndexMask();
+}
+
+}  // namespace
+
+PolicyPublishSm::PolicyPublishSm(Mosk::Ptr<EcPolicy const> ecPolicy,
+                                 Mosk::Ptr<Vell::TaskScheduler> taskScheduler,
+                                 Mosk::Ptr<PolicyStatus> policyStatus,
+                                 Mosk::Ptr<Vell::TimerWheel> timerWheel,
+                                 Mosk::Ptr<Skerry::Fib::ForwardingStatus> srteFwdStatus)
+    : ecPolicy_(std::move(ecPolicy)),
+      taskScheduler_(std::move(taskScheduler)),
+      policyStatus_(std::move(policyStatus)),
+      timerWheel_(std::move(timerWheel)),
+      srteFwdStatus_(std::move(srteFwdStatus)) {
+  Mosk::validPtr(ecPolicy_);
+  Mosk::validPtr(taskScheduler_);
+  Mosk::validPtr(policyStatus_);
+  Mosk::validPtr(timerWheel_);
+  Mosk::validPtr(srteFwdStatus_);
+  handleInitialized();
+}
+
+PolicyPublishSm::~PolicyPublishSm() {
+  handleDel();
+}
+
+void PolicyPublishSm::handleInitialized() {
+  SRTE_TRACE(traceHandle, 9, "Handling Initialization");
+  task_ = Vell::timerTaskFactory(taskScheduler_, Vell::TaskPriority(taskPriority), "PublishSmTask");
+  if (!taskReactor_) taskReactor_ = new TaskReactor(this);
+  taskReactor_->notifierIs(task_);
+  initialized_ = true;
+
+  // Nothing an earlier instance published survives: its FEC ids came from another allocator.
+  policyStatus_->statusDelAll();
+  policyStatus_->fecIdToPolicyKeyDelAll();
+  srteFwdStatus_->fecDelAll();
+
+  Vell::Range const range(0, Fib::adjIndexMax());
+  if (numAllocatorConfig_) {
+    numAllocatorConfig_->rangeIs(range);
+  } else {
+    numAllocatorConfig_ = Vell::numAllocatorConfigFactory(range, allocatorMoveCount);
+  }
+  numAllocatorConfig_->expiryTimeIs(fecIdExpiryTime);
+  numAllocatorStatus_ = Vell::numAllocatorStatusFactory();
+  numAllocator_ =
+      Vell::numAllocatorFactory(numAllocatorConfig_, numAllocatorStatus_, timerWheel_->clock());
+
+  if (!ecPolicyReactor_) ecPolicyReactor_ = new EcPolicyReactor(this);
+  ecPolicyReactor_->notifierIs(ecPolicy_);
+  for (auto c = ecPolicy_->policyIterConst(); c; ++c) {
+    pendingPolicy_.set(c.key(), true);
+    policyIs(c.key(), c.ptr());
+  }
+  if (!pendingPolicy_.empty()) task_->scheduleTask();
+}
+
+void PolicyPublishSm::handlePolicy(PolicyKey const& key) {
+  if (!initialized_) return;
+  pendingPolicy_.set(key, true);
+  task_->scheduleTaskLowestDelay(delayTime_);
+}
+
+void PolicyPublishSm::handleTaskRun() {
+  if (!initialized_) return;
+  Mosk::HashMap<PolicyKey, bool> const& pending = pendingPolicy_;
+  auto it = pendingBookmark_.startFresh() ? pending.cursor()
+                                          : pending.cursorAt(pendingBookmark_.nextKey());
+  U64 count = 0;
+  bool yielded = false;
+  while (it) {
+    PolicyKey const key = it.key();
+    try {
+      processPolicy(key);
+    } catch (...) {
+      // A key that cannot be published must not stall the others behind it: it leaves the
+      // queue (its next change brings it back), the next run starts after it, and the error
+      // goes on to the host.
+      pendingPolicy_.erase(key);
+      ++it;
+      pendingBookmark_ = it ? PendingKeyBookmark(false, it.key()) : PendingKeyBookmark();
+      if (!pendingPolicy_.empty()) task_->scheduleTask();
+      throw;
+    }
+    pendingPolicy_.erase(key);
+    ++count;
+    if (task_->taskShouldYield()) {
+      yielded = true;
+      break;
+    }
+    ++it;
+  }
+  if (yielded) {
+    ++it;
+    if (it) {
+      PolicyKey const& next = it.key();
+      pendingBookmark_ = PendingKeyBookmark(false, next);
+      SRTE_TRACE2(traceHandle, 9,
+                  "Bookmark placed at Endpoint: " << next.endpoint() << " color: " << next.color(),
+                  "Bookmark placed at Endpoint " << endpointWord(next.endpoint())
+                                                 << " color: " << next.color());
+    } else {
+      pendingBookmark_ = PendingKeyBookmark();
+    }
+  }
+  task_->taskWorkCountInc(count);
+  SRTE_TRACE(traceHandle, 9, "Processed " << count << " policy entries");
+  if (!pendingPolicy_.empty()) {
+    if (!it) pendingBookmark_ = PendingKeyBookmark();
+    task_->scheduleTask();
+  } else {
+    pendingBookmark_ = PendingKeyBookmark();
+    // Give back the room of a large burst: walks of a sparse table scan its empty slots.
+    pendingPolicy_.clear();
+  }
+}
+
+void PolicyPublishSm::processPolicy(PolicyKey const& key) {
+  Mosk::Ptr<Policy const> const policy = ecPolicy_->policy(key);
+  Mosk::Ptr<PolicyEntry const> const active = policy ? policy->active() : nullptr;
+  if (active) {
+    U32 const id = active->priority().id();
+    SRTE_TRACE2(traceHandle, 6,
+                "Policy Endpoint: " << key.endpoint() << " Color: " << key.color() << " Id: " << id
+                                    << " is now active",
+                "Policy Endpoint: " << endpointWord(key.endpoint()) << " Color: " << key.color()
+                                    << " Id: " << id << " is now active");
+    Mosk::Ptr<PolicyStatusEntry> const entry = policyStatus_->statusIs(key);
+    entry->bindingSidIs(active->bindingSid());
+    entry->idIs(id);
+    // A fresh set on every publication: readers holding the previous one keep it unchanged.
+    Mosk::Ptr<WeightedViaSet> const viaSet = weightedViaSetFactory();
+    for (auto c = active->wSegmentListIter(); c; ++c) {
+      viaSet->weightedViaIs(c.value().tunnelId(), c.value().weight());
+    }
+    entry->weightedViaSetIs(viaSet);
+    if (!entry->srTePolicyFecId().isNone()) {
+      updateSrTePolicyFec(active, entry->srTePolicyFecId());
+    } else {
+      entry->srTePolicyFecIdIs(createSrTePolicyFec(active));
+    }
+    policyStatus_->fecIdToPolicyKeyIs(entry->srTePolicyFecId(), key);
+    return;
+  }
+  SRTE_TRACE2(
+      traceHandle, 6,
+      "Policy Endpoint: " << key.endpoint() << " Color: " << key.color() << " has no active policy",
+      "Policy Endpoint: " << endpointWord(key.endpoint()) << " Color: " << key.color()
+                          << " has no active policy");
+  if (Mosk::Ptr<PolicyStatusEntry const> const entry = policyStatus_->status(key)) {
+    Fib::FecId const fecId = entry->srTePolicyFecId();
+    // An entry whose first FEC write failed holds no id, and index 0 may belong to another key.
+    if (!fecId.isNone()) {
+      deleteSrTePolicyFec(fecId);
+      policyStatus_->fecIdToPolicyKeyDel(fecId);
+    }
+  }
+  policyStatus_->statusDel(key);
+}
+
+Fib::FecId PolicyPublishSm::getFecId() {
+  U64 const index = numAllocator_->getNumber();
+  MOSK_ASSERT_MSG(index != Vell::NumAllocator::invalidNumber,
+                  "FecId range exhausted, Not possible");
+  MOSK_ASSERT_MSG(static_cast<S64>(index) >= 0, "index >= 0");
+  Fib::FecId const fecId = Fib::FecId::fecIdForAdjType(fecAdjType, index);
+  SRTE_TRACE(traceHandle, 9, "Allocated new fecId: " << fecId);
+  return fecId;
+}
+
+void PolicyPublishSm::releaseFecId(Fib::FecId const& fecId) {
+  U64 const index = fecIndex(fecId);
+  SRTE_TRACE(traceHandle, 9, "Releasing fecId: " << index);
+  numAllocator_->releaseNumber(index);
+}
+
+Fib::FecId PolicyPublishSm::createSrTePolicyFec(Mosk::Ptr<PolicyEntry const> const& active) {
+  Fib::FecId const fecId = getFecId();
+  SRTE_TRACE(traceHandle, 6, "Created policy fecId: " << fecIndex(fecId));
+  try {
+    updateSrTePolicyFec(active, fecId);
+  } catch (...) {
+    // No key holds the id yet: give it back rather than lose it. The uncommitted FEC stays
+    // unpublished and is overwritten when the id is handed out again.
+    releaseFecId(fecId);
+    throw;
+  }
+  return fecId;
+}
+
+void PolicyPublishSm::updateSrTePolicyFec(Mosk::Ptr<PolicyEntry const> const& active,
+                                          Fib::FecId const& fecId) {
+  SRTE_TRACE(traceHandle, 6, "Updated policy fecId: " << fecIndex(fecId));
+  // The table hands an existing FEC back cleared, so vias of lists the candidate no longer
+  // has do not survive; only the count is raised here.
+  Fib::Fec& fec = srteFwdStatus_->fecForWrite(fecId);
+  Fib::ViaIndex position(1);
+  for (auto c = active->wSegmentListIter(); c; ++c) {
+    Tunnel::TunnelTable::TunnelId const& tunnelId = c.value().tunnelId();
+    SRTE_TRACE(traceHandle, 9, "Adding tunnelId: " << tunnelId);
+    fec.viaIs(position, Fib::Via(Ludd::IntfId(), Ludd::IpGenAddr(), Ludd::MplsLabel(),
+                                 Ludd::MplsLabelAction::actionNone, true, tunnelId));
+    if (fec.viaCount() < position.value()) fec.viaCountIs(position.value());
+    // Advancing past the last position raises the ViaIndex range error at once, so the 512th
+    // list already fails and the FEC is not committed.
+    position = Fib::ViaIndex(position.value() + 1);
+  }
+  srteFwdStatus_->fecCommit(fec);
+}
+
+void PolicyPublishSm::deleteSrTePolicyFec(Fib::FecId const& fecId) {
+  SRTE_TRACE(traceHandle, 6, "Delete policy fecId: " << fecIndex(fecId));
+  srteFwdStatus_->fecDel(fecId);
+  releaseFecId(fecId);
+}
+
+void PolicyPublishSm::handleDel() {
+  if (!initialized_) return;
+  initialized_ = false;
+  policyStatus_->statusDelAll();
+  policyStatus_->fecIdToPolicyKeyDelAll();
+  srteFwdStatus_->fecDelAll();
+  pendingPolicy_.clear();
+  pendingBookmark_ = PendingKeyBookmark();
+  task_->unscheduleTask();
+}
+
+// Reactors
+
+Mosk::Ptr<PolicyPublishSm::PolicyReactor> PolicyPublishSm::policyIs(
+    PolicyKey const& key, Mosk::Ptr<Policy const> const& policy) {
+  Mosk::Ptr<PolicyReactor> const* found = policyReactor_.find(key);
+  Mosk::Ptr<PolicyReactor> reactor = found ? *found : nullptr;
+  if (!reactor) {
+    reactor = new PolicyReactor(this, key);
+    policyReactor_.set(key, reactor);
+  }
+  reactor->notifierIs(policy);
+  reactor->followActive();
+  return reactor;
+}
+
+void PolicyPublishSm::policyDel(PolicyKey const& key) {
+  policyReactor_.erase(key);
+}
+
+void PolicyPublishSm::policyDelAll() {
+  policyReactor_.clear();
+}
+
+PolicyPublishSm::PolicyReactor* PolicyPublishSm::policy(PolicyKey const& key) const {
+  Mosk::Ptr<PolicyReactor> const* found = policyReactor_.find(key);
+  return found ? found->ptr() : nullptr;
+}
+
+PolicyPublishSm::PolicyReactor::PolicyReactor(PolicyPublishSm* sm, PolicyKey const& key)
+    : sm_(sm), key_(key) {}
+
+PolicyPublishSm::PolicyReactor::~PolicyReactor() = default;
+
+void PolicyPublishSm::PolicyReactor::onActive() {
+  sm_->handlePolicy(key_);
+  followActive();
+}
+
+void PolicyPublishSm::PolicyReactor::followActive() {
+  Mosk::Ptr<Policy const> const policy = notifier();
+  Mosk::Ptr<PolicyEntry const> const active = policy ? policy->active() : nullptr;
+  if (!active) {
+    activeEntryReactor_ = nullptr;
+    return;
+  }
+  if (!activeEntryReactor_) activeEntryReactor_ = new ActiveEntryReactor(sm_, key_);
+  activeEntryReactor_->notifierIs(active);
+}
+
+void PolicyPublishSm::ActiveEntryReactor::onBindingSid() {
+  sm_->handlePolicy(key_);
+}
+
+void PolicyPublishSm::ActiveEntryReactor::onWSegmentList(SegmentListId const&) {
+  sm_->handlePolicy(key_);
+}
+
+void PolicyPublishSm::EcPolicyReactor::onPolicy(PolicyKey const& key) {
+  sm_->handlePolicy(key);
+  if (Mosk::Ptr<Policy const> const policy = sm_->ecPolicy_->policy(key)) {
+    sm_->policyIs(key, policy);
+  } else {
+    sm_->policyDel(key);
+  }
+}
+
+void PolicyPublishSm::TaskReactor::onTaskRun() {
+  sm_->handleTaskRun();
+}
+
+}  // namespace SrTePolicy
