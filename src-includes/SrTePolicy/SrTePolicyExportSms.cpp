@@ -33,7 +33,7 @@ SegmentListExportSm::SegmentListExportSm(
 }
 
 SegmentListExportSm::~SegmentListExportSm() {
-  handleDel();
+  if (!abandoned()) handleDel();
 }
 
 void SegmentListExportSm::handleInitialized() {

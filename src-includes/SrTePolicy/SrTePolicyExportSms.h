@@ -8,12 +8,14 @@
 // Runs synchronously from the store's notifications.
 #pragma once
 
+#include "SrTePolicy/SrTePolicyStateMachine.h"
+
 #include "SrTePolicy/SrTePolicyDedupTables.h"
 #include "SrTePolicy/SrTePolicyExportTypes.h"
 
 namespace SrTePolicy {
 
-class SegmentListExportSm : public Mosk::Entity {
+class SegmentListExportSm : public StateMachine {
  public:
   // Wires the machine and runs handleInitialized().
   SegmentListExportSm(Mosk::Ptr<NotifyingSegmentListCollection const> slNotifier,

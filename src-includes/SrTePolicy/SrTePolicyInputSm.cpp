@@ -74,7 +74,7 @@ PolicyInputSm::PolicyInputSm(Mosk::Ptr<PolicyInputSource const> input,
 }
 
 PolicyInputSm::~PolicyInputSm() {
-  handleDel();
+  if (!abandoned()) handleDel();
   // Detached explicitly: a reactor that someone else still holds must not call back.
   inputDel();
   policyDelAll();

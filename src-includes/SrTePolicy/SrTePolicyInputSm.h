@@ -11,6 +11,8 @@
 // appears, is replaced or goes away causes a full pass over every table. It has no task.
 #pragma once
 
+#include "SrTePolicy/SrTePolicyStateMachine.h"
+
 #include <boost/container/flat_set.hpp>
 
 #include "Mosk/HashMap.h"
@@ -19,7 +21,7 @@
 
 namespace SrTePolicy {
 
-class PolicyInputSm : public Mosk::Entity {
+class PolicyInputSm : public StateMachine {
  public:
   // Watches the PolicyInputSource and forwards its notifications.
   class MoskInput : public PolicyInputSource::NotifieeConst {

@@ -41,7 +41,7 @@ SrTePolicyLfibGenSm::SrTePolicyLfibGenSm(Mosk::Ptr<PolicyStatus const> policySta
 }
 
 SrTePolicyLfibGenSm::~SrTePolicyLfibGenSm() {
-  handleDel();
+  if (!abandoned()) handleDel();
 }
 
 std::optional<Ludd::MplsLabel> SrTePolicyLfibGenSm::policyKeyBindingSidMap(

@@ -12,12 +12,14 @@
 // Runs synchronously from PolicyStatus notifications; the batching happens in PolicyPublishSm.
 #pragma once
 
+#include "SrTePolicy/SrTePolicyStateMachine.h"
+
 #include "MplsHelper/IndexAllocators.h"
 #include "SrTePolicy/SrTePolicyStatus.h"
 
 namespace SrTePolicy {
 
-class SrTePolicyLfibGenSm : public Mosk::Entity {
+class SrTePolicyLfibGenSm : public StateMachine {
  public:
   // The route source of every adjacency index and route made here.
   static constexpr U8 lfibSource = 14;

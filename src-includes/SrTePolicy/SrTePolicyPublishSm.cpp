@@ -40,7 +40,7 @@ PolicyPublishSm::PolicyPublishSm(Mosk::Ptr<EcPolicy const> ecPolicy,
 }
 
 PolicyPublishSm::~PolicyPublishSm() {
-  handleDel();
+  if (!abandoned()) handleDel();
 }
 
 void PolicyPublishSm::handleInitialized() {

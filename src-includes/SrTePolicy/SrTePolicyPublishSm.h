@@ -11,6 +11,8 @@
 // number allocator for 300 s before it can stand for another policy.
 #pragma once
 
+#include "SrTePolicy/SrTePolicyStateMachine.h"
+
 #include "Skerry/ForwardingStatus.h"
 #include "SrTePolicy/SrTePolicyEntry.h"
 #include "SrTePolicy/SrTePolicyStatus.h"
@@ -20,7 +22,7 @@
 
 namespace SrTePolicy {
 
-class PolicyPublishSm : public Mosk::Entity {
+class PolicyPublishSm : public StateMachine {
  public:
   // The FEC ids of published policies carry this adjacency type.
   static constexpr U32 fecAdjType = 15;

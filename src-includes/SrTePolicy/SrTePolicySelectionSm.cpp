@@ -74,7 +74,7 @@ PolicySelectionSm::PolicySelectionSm(Mosk::Ptr<PolicySelectionInput const> polic
       scheduler_(required(std::move(scheduler), "scheduler")) {}
 
 PolicySelectionSm::~PolicySelectionSm() {
-  handleDel();
+  if (!abandoned()) handleDel();
 }
 
 Mosk::Ptr<PolicyEntry const> PolicySelectionSm::policyIdMap(U32 id) const {

@@ -18,6 +18,8 @@
 // reference map from it and reconciles every candidate, old and new, in its task.
 #pragma once
 
+#include "SrTePolicy/SrTePolicyStateMachine.h"
+
 #include <boost/container/small_vector.hpp>
 
 #include "Mosk/HashMap.h"
@@ -28,7 +30,7 @@
 
 namespace SrTePolicy {
 
-class PolicySelectionSm : public Mosk::Entity {
+class PolicySelectionSm : public StateMachine {
  public:
   // Watches the selection input: keeps one PolicyIdEntryReactor per live entry and hands every
   // added, replaced or removed entry to handlePolicyEntry.
