@@ -13,6 +13,7 @@ using Ludd::MplsLabel;
 using Mosk::Ptr;
 using Mpls::AdjacencyKey;
 using Mpls::AdjacencyKind;
+using Mpls::LFib::RouteType;
 
 namespace {
 
@@ -41,10 +42,11 @@ class SegmentSmTest : public ::testing::Test {
   Mpls::RouteKey key(U32 label, U8 source) {
     return Mpls::RouteKey(MplsLabel(label), Mpls::LFib::Source(source));
   }
-  void route(U32 label, U8 source, U64 adjIndex) {
+  void route(U32 label, U8 source, U64 adjIndex, RouteType type = RouteType::label,
+             U32 metric = 0) {
     lfib->lfibRouteIs(Mpls::LFib::Route(key(label, source),
-                                        AdjacencyKey(adjIndex, AdjacencyKind::adjacency),
-                                        Mpls::LFib::RouteType::label, {}, 0, {}));
+                                        AdjacencyKey(adjIndex, AdjacencyKind::adjacency), type, {},
+                                        metric, {}));
   }
   // The adjacency index of a segment's status entry; 0 when it has none.
   U64 adj(Ptr<SegmentMplsLabel> const& s) {
@@ -87,8 +89,7 @@ TEST_F(SegmentSmTest, OneRouteChangeIsJudgedAloneUntilTheNextFullPass) {
   EXPECT_EQ(adj(s), 30u);
 
   // A skipped route (a pseudowire) of one source deletes the status too.
-  lfib->lfibRouteIs(Mpls::LFib::Route(key(16001, 7), AdjacencyKey(70, AdjacencyKind::adjacency),
-                                      Mpls::LFib::RouteType::pseudowire, {}, 0, {}));
+  route(16001, 7, 70, RouteType::pseudowire);
   EXPECT_EQ(adj(s), 0u);
   lfib->lfibRouteNotifyCollection();
   EXPECT_EQ(adj(s), 30u) << "the whole-table notification runs the full pass";
@@ -110,8 +111,7 @@ TEST_F(SegmentSmTest, EntryIsKeptAcrossAdjacencyChangesAndUnusedLabelsAreIgnored
   EXPECT_EQ(entry->adjKey().index(), 31u);
   EXPECT_EQ(watcher.count, 1);
 
-  lfib->lfibRouteIs(Mpls::LFib::Route(key(16001, 3), AdjacencyKey(31, AdjacencyKind::adjacency),
-                                      Mpls::LFib::RouteType::label, {}, 5, {}));
+  route(16001, 3, 31, RouteType::label, 5);
   EXPECT_EQ(watcher.count, 1) << "a route change that keeps the adjacency notifies nothing";
 
   route(17000, 1, 99);
