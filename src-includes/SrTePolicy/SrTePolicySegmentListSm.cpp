@@ -1,0 +1,337 @@
+// The segment-list state machine: resolution of segment lists into tunnel entries and
+// SegmentListResolve records.
+
+#include "SrTePolicy/SrTePolicySegmentListSm.h"
+
+#include "Flicker/Flicker.h"
+
+namespace SrTePolicy {
+
+using Tunnel::TunnelTable::MplsVia;
+using Tunnel::TunnelTable::TunnelId;
+
+namespace {
+
+Flicker::TraceHandle traceHandle("SrTePolicySegmentListSm");
+// Function entry and bookkeeping; per-list publication events; resolution skips.
+constexpr U32 kEntry = 9;
+constexpr U32 kEvent = 6;
+constexpr U32 kSkip = 4;
+
+constexpr U32 kTaskPriority = 2;
+// The adjacency types of a FecId that name IPv4 and IPv6 FECs.
+constexpr U64 kAdjTypeIpv4 = 0;
+constexpr U64 kAdjTypeIpv6 = 1;
+
+// The label of segment `i`, range-checked as a stack position: a list never holds more
+// segments than a stack has positions.
+Ludd::MplsLabel labelAt(SegmentList const& list, U32 i) {
+  return list.segmentLabel(Ludd::MplsStackEntryIndex(i).value());
+}
+
+// Appends one via per next hop of `fec`, each with `lStack` and, when `pushTop`, `topLabel`
+// on top. Via positions run from 1 to 512.
+template <class Fec>
+void addFecVias(Fec const& fec, Ludd::MplsLabelOperation const& lStack, bool pushTop,
+                Ludd::MplsLabel topLabel, MplsViaSet& viaSet) {
+  for (U32 i = 1; i <= fec.viaCount(); ++i) {
+    ::Fib::Via const& via = fec.via(::Fib::ViaIndex(i));
+    Ludd::MplsLabelOperation op = lStack;
+    if (pushTop) op.push(topLabel);
+    if (op.size() == 0) continue;
+    viaSet.newVia(MplsVia(via.nextHop(), via.intf(), op));
+  }
+}
+
+}  // namespace
+
+SegmentListSm::SegmentListSm(Mosk::Ptr<NotifyingSegmentListCollection const> notifyingSegmentList,
+                             Mosk::Ptr<SegmentStatus const> segmentStatus,
+                             Mosk::Ptr<SegmentListStatus> segmentListStatus,
+                             Mosk::Ptr<Tunnel::TunnelTable::SrTeSegmentListTunnelTable> tunnelTable,
+                             Mosk::Ptr<Vell::TaskScheduler> scheduler,
+                             Mosk::Ptr<Mpls::Status const> mplsStatus,
+                             Mosk::Ptr<SegmentIdToSegmentList const> segmentIdToSegmentList,
+                             Mosk::Ptr<CoreDedupTables const> coreDedupTables,
+                             Mosk::Ptr<MplsHelper::SrTunnelIdxAllocator> tunnelIndexAlloc,
+                             Mosk::Ptr<Skerry::Fib::ForwardingStatus const> forwardingStatus,
+                             Mosk::Ptr<Skerry::Fib6::ForwardingStatus const> forwarding6Status)
+    : notifyingSegmentList_(std::move(notifyingSegmentList)),
+      segmentStatus_(std::move(segmentStatus)),
+      segmentListStatus_(std::move(segmentListStatus)),
+      tunnelTable_(std::move(tunnelTable)),
+      scheduler_(std::move(scheduler)),
+      mplsStatus_(std::move(mplsStatus)),
+      segmentIdToSegmentList_(std::move(segmentIdToSegmentList)),
+      coreDedupTables_(std::move(coreDedupTables)),
+      tunnelIndexAlloc_(std::move(tunnelIndexAlloc)),
+      forwardingStatus_(std::move(forwardingStatus)),
+      forwarding6Status_(std::move(forwarding6Status)) {
+  if (!notifyingSegmentList_ || !segmentStatus_ || !segmentListStatus_ || !tunnelTable_ ||
+      !scheduler_ || !mplsStatus_ || !segmentIdToSegmentList_ || !coreDedupTables_ ||
+      !tunnelIndexAlloc_ || !forwardingStatus_ || !forwarding6Status_) {
+    Mosk::throwNullValidPtr();
+  }
+  segmentListReactor_ = new SegmentListReactor(this);
+  segmentListReactor_->notifierIs(notifyingSegmentList_);
+  segmentStatusReactor_ = new SegmentStatusReactor(this);
+  segmentStatusReactor_->notifierIs(segmentStatus_);
+}
+
+SegmentListSm::~SegmentListSm() {
+  if (!abandoned()) handleDel();
+}
+
+// The status watchers.
+
+void SegmentListSm::statusIs(SegmentId segmentId, Mosk::Ptr<SegmentResolve const> const& resolve) {
+  if (!resolve) {
+    throw Mosk::RangeException(Mosk::nullMutatorMessage("status", "SrTePolicy::SegmentListSm"));
+  }
+  if (Mosk::Ptr<StatusReactor> const* existing = status_.find(segmentId)) {
+    // The entry may have been replaced by another object of the same key.
+    if ((*existing)->notifier() != resolve) (*existing)->notifierIs(resolve);
+    return;
+  }
+  Mosk::Ptr<StatusReactor> watcher(new StatusReactor(this, segmentId));
+  watcher->notifierIs(resolve);
+  status_.set(segmentId, watcher);
+}
+
+void SegmentListSm::statusDel(SegmentId segmentId) {
+  status_.erase(segmentId);
+}
+
+void SegmentListSm::statusDelAll() {
+  status_.clear();
+}
+
+Mosk::Ptr<SegmentResolve const> SegmentListSm::status(SegmentId segmentId) const {
+  Mosk::Ptr<StatusReactor> const* watcher = status_.find(segmentId);
+  return watcher ? (*watcher)->notifier() : nullptr;
+}
+
+void SegmentListSm::statusWatch(SegmentId segmentId) {
+  if (!initialized_) return;
+  if (Mosk::Ptr<SegmentResolve const> resolve = segmentStatus_->status(segmentId)) {
+    statusIs(segmentId, resolve);
+  } else {
+    statusDel(segmentId);
+  }
+}
+
+// Handlers.
+
+void SegmentListSm::handleInitialized() {
+  if (initialized_) return;
+  initialized_ = true;
+  SRTE_TRACE(traceHandle, kEntry, "handleInitialized");
+  tunnelTable_->entryDelAll();
+  segmentListStatus_->statusDelAll();
+  task_ = Vell::taskFactory(scheduler_, Vell::TaskPriority(kTaskPriority), "SegmentListSm");
+  taskReactor_ = new TaskReactor(this);
+  taskReactor_->notifierIs(task_);
+  for (auto c = notifyingSegmentList_->segmentListNotifierIter(); c; ++c) {
+    if (!c.value()) continue;
+    pendingSegmentList_.set(Mosk::Ptr<SegmentList const>(c.key()->segmentListRawPtr()), true);
+  }
+  for (auto c = segmentStatus_->statusIterConst(); c; ++c)
+    statusIs(c.key(), c.ptr());
+  scheduleIfPending();
+}
+
+void SegmentListSm::handleSegmentList(
+    Mosk::Ptr<SegmentListLifeTimeNotifier const> const& notifier) {
+  if (!initialized_) return;
+  // Raw: a list that is leaving the dedup table must not be referenced again.
+  SegmentList const* list = notifier->segmentListRawPtr();
+  SegmentListId id = list->segmentListId();
+  SRTE_TRACE(traceHandle, kEntry, "handleSegmentList for segmentList: " << id);
+  if (!notifyingSegmentList_->segmentListNotifier(notifier)) {
+    removeSegmentListStatusById(id);
+    return;
+  }
+  processSegmentList(*list);
+}
+
+void SegmentListSm::handleSegmentStatus(SegmentId segmentId) {
+  if (!initialized_) return;
+  SRTE_TRACE2(traceHandle, kEntry, " SegmentId : " << segmentId,
+              "handleSegmentStatus segmentId : " << segmentId);
+  Mosk::Ptr<SegmentListCollection> lists = segmentIdToSegmentList_->segmentList(segmentId);
+  if (!lists) return;
+  for (auto c = lists->segmentListPtrIter(); c; ++c)
+    pendingSegmentList_.set(c.key(), true);
+  task_->scheduleTask();
+}
+
+void SegmentListSm::handleTaskRun() {
+  if (!initialized_) return;
+  SRTE_TRACE(traceHandle, kEntry, "handleTaskRun");
+  // Work left over, also when a list raises, runs in a later slice.
+  struct Reschedule {
+    SegmentListSm* sm;
+    ~Reschedule() { sm->scheduleIfPending(); }
+  } reschedule{this};
+  U32 count = 0;
+  for (auto c = pendingSegmentList_.cursor(); c;) {
+    // Off the queue before it is resolved: a list whose resolution raises is not retried by
+    // every later slice, and a list queued again while it is being resolved runs again.
+    Mosk::Ptr<SegmentList const> list = c.key();
+    pendingSegmentList_.erase(list);
+    if (list->segmentListLifeTimeNotifier() != nullptr) {
+      processSegmentList(*list);
+    } else {
+      // The list left the collection (its dedup table stopped) while it was queued.
+      removeSegmentListStatusById(list->segmentListId());
+    }
+    ++count;
+    if (task_->taskShouldYield()) break;
+    ++c;
+  }
+  SRTE_TRACE2(traceHandle, kEntry, " Processed " << count << " Segment Lists ",
+              "Processed " << count);
+}
+
+void SegmentListSm::handleDel() {
+  if (!initialized_) return;
+  SRTE_TRACE(traceHandle, kEntry, "handleDel");
+  tunnelTable_->entryDelAll();
+  segmentListStatus_->statusDelAll();
+  initialized_ = false;
+  if (task_) task_->unscheduleTask();
+  // Dropping the queue may let lists leave the dedup table; the handlers ignore that now.
+  pendingSegmentList_.clear();
+  statusDelAll();
+}
+
+void SegmentListSm::scheduleIfPending() {
+  if (!pendingSegmentList_.empty() && task_) task_->scheduleTask();
+}
+
+// Resolution and publication.
+
+void SegmentListSm::processSegmentList(SegmentList const& list) {
+  SegmentListId id = list.segmentListId();
+  SRTE_TRACE(traceHandle, kEntry, "processSegmentList for SlId:" << id);
+  Mosk::Ptr<SegmentListResolveResult const> result = resolveSegmentList(list);
+  if (result && !result->viaSet().empty()) {
+    SRTE_TRACE(traceHandle, kEvent, "Update the Segment List Status for SlId:" << id);
+    updateSegmentListStatus(list, result->viaSet());
+    return;
+  }
+  SRTE_TRACE(traceHandle, kEvent, "Remove the Segment List Status for SlId:" << id);
+  removeSegmentListStatusById(id);
+}
+
+Mosk::Ptr<SegmentListResolveResult const> SegmentListSm::resolveSegmentList(
+    SegmentList const& list) const {
+  U32 n = list.size();
+  if (n == 0) return nullptr;
+  // The labels below the top one, bottom first: the last segment at position 0.
+  Ludd::MplsLabelOperation lStack;
+  for (U32 i = 0; i + 1 < n; ++i) {
+    Ludd::MplsLabel label = labelAt(list, n - 1 - i);
+    lStack.labelIs(Ludd::MplsStackEntryIndex(i), label);
+  }
+  Mosk::Ptr<SegmentResolve const> resolve = segmentStatus_->status(list.getSegmentId(0));
+  if (!resolve) return nullptr;
+  lStack.sizeIs(n - 1);
+  return resolveSegmentListWithTopLabel(*resolve, lStack, list.segmentLabel(0));
+}
+
+Mosk::Ptr<SegmentListResolveResult const> SegmentListSm::resolveSegmentListWithTopLabel(
+    SegmentResolve const& resolve, Ludd::MplsLabelOperation const& lStack,
+    Ludd::MplsLabel topLabel) const {
+  MplsViaSet viaSet;
+  Mpls::AdjacencyKey const& adjKey = resolve.adjKey();
+  if (adjKey.kind() == Mpls::AdjacencyKind::extFec) {
+    if (!addExtFecVias(adjKey.index(), lStack, topLabel, viaSet)) return nullptr;
+  } else {
+    addAdjacencyVias(adjKey.index(), lStack, viaSet);
+  }
+  if (viaSet.empty()) return nullptr;
+  return segmentListResolveResultFactory(viaSet);
+}
+
+void SegmentListSm::addAdjacencyVias(U64 index, Ludd::MplsLabelOperation const& lStack,
+                                     MplsViaSet& viaSet) const {
+  std::optional<Mpls::LfibAdjacency> adjacency = mplsStatus_->lfibAdjacency(index);
+  if (!adjacency) return;
+  SRTE_TRACE(traceHandle, kEntry, "No of Adjacency " << adjacency->via().viaCount());
+  for (Mpls::Via const& via : adjacency->via()) {
+    Ludd::MplsLabelOperation op = lStack;
+    if (via.labelAction() == Ludd::MplsLabelAction::actionSwap) op.push(via.outLabel());
+    if (op.size() == 0) continue;
+    SRTE_TRACE2(traceHandle, kEntry,
+                "Adjacency ViaSet label " << via.outLabel() << " nexthop " << via.nextHop(),
+                "Adjacency ViaSet label " << via.outLabel());
+    viaSet.newVia(MplsVia(via.nextHop(), via.intf(), op));
+  }
+}
+
+bool SegmentListSm::addExtFecVias(U64 index, Ludd::MplsLabelOperation const& lStack,
+                                  Ludd::MplsLabel topLabel, MplsViaSet& viaSet) const {
+  std::optional<Mpls::ExtFecAdjacency> adjExt = mplsStatus_->lfibExtFecAdjacency(index);
+  if (!adjExt) {
+    SRTE_TRACE(traceHandle, kSkip, "adjExt not found, returning NULL");
+    return false;
+  }
+  ::Fib::FecId const& fecId = adjExt->fecId();
+  U64 adjType = fecId >> ::Fib::adjTypePos();
+  MOSK_ASSERT_MSG(adjType < ::Fib::adjTypeMax(),
+                  "(value_ >> Fib::adjTypePos()) < Fib::adjTypeMax()");
+  bool pushTop = adjExt->labelAction() == Ludd::MplsLabelAction::actionForward;
+  static ::Fib::Fec const emptyFec;
+  if (adjType == kAdjTypeIpv4) {
+    ::Fib::Fec const& fec = forwardingStatus_->fec(fecId);
+    if (fec == emptyFec) return false;
+    addFecVias(fec, lStack, pushTop, topLabel, viaSet);
+  } else if (adjType == kAdjTypeIpv6) {
+    ::Fib::Fec const& fec = forwarding6Status_->fec(fecId);
+    if (fec == emptyFec) return false;
+    addFecVias(fec, lStack, pushTop, topLabel, viaSet);
+  }
+  return true;
+}
+
+void SegmentListSm::updateSegmentListStatus(SegmentList const& list, MplsViaSet const& viaSet) {
+  SegmentListId id = list.segmentListId();
+  if (Mosk::Ptr<SegmentListResolve> existing = segmentListStatus_->status(id)) {
+    SRTE_TRACE2(traceHandle, kEvent, "Update existing status for SegmentList [" << id << "]",
+                "Update existing status for SegmentList: " << id);
+    updateTunnelTable(existing->tunnelId(), viaSet);
+    return;
+  }
+  SRTE_TRACE2(traceHandle, kEvent, "Add new status for SegmentList [" << id << "]",
+              "Add new status for SegmentList: " << id);
+  TunnelId tunnelId = TunnelId::convertToTunnelValue(
+      Tunnel::TunnelTable::TunnelType::srTeSegmentList, tunnelIndexAlloc_->getIdx());
+  updateTunnelTable(tunnelId, viaSet);
+  segmentListStatus_->statusIs(id, tunnelId);
+}
+
+void SegmentListSm::updateTunnelTable(TunnelId const& tunnelId, MplsViaSet const& viaSet) {
+  SRTE_TRACE2(traceHandle, kEvent,
+              "Update Tunnel Table TID " << tunnelId << " With " << viaSet.viaCount() << " vias",
+              "Update Tunnel Table TID: " << tunnelId);
+  Tunnel::TunnelTable::SrTeSegmentListTunnelTableEntry entry(tunnelId);
+  for (MplsVia const& via : viaSet)
+    entry.newVia(via);
+  tunnelTable_->entryIs(entry);
+}
+
+void SegmentListSm::removeSegmentListStatusById(SegmentListId id) {
+  SRTE_TRACE(traceHandle, kEntry, "removeSegmentListStatusById for id: " << id);
+  if (Mosk::Ptr<SegmentListResolve> resolve = segmentListStatus_->status(id)) {
+    removeSegmentListStatus(*resolve);
+  }
+}
+
+void SegmentListSm::removeSegmentListStatus(SegmentListResolve const& resolve) {
+  SegmentListId id = resolve.segmentListId();
+  tunnelTable_->entryDel(resolve.tunnelId());
+  segmentListStatus_->statusDel(id);
+}
+
+}  // namespace SrTePolicy

@@ -1,0 +1,141 @@
+// The segment state machine: the full pass against the incremental route path, segment
+// lifetime, and the stability of status entries.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "Flicker/Flicker.h"
+#include "SrTePolicy/SrTePolicySegmentSm.h"
+
+using namespace SrTePolicy;
+using Ludd::MplsLabel;
+using Mosk::Ptr;
+using Mpls::AdjacencyKey;
+using Mpls::AdjacencyKind;
+using Mpls::LFib::RouteType;
+
+namespace {
+
+Ptr<CoreDedupTables> initializedTables() {
+  Ptr<CoreDedupTables> t = coreDedupTablesFactory();
+  t->handleInitialized();
+  return t;
+}
+
+struct Capture : Flicker::TraceSink {
+  std::vector<std::string> lines;
+  void traceLine(Flicker::TraceLine const& l) override { lines.emplace_back(l.message); }
+};
+
+struct AdjKeyCount : SegmentResolve::NotifieeConst {
+  int count = 0;
+  void onAdjKey() override { ++count; }
+};
+
+class SegmentSmTest : public ::testing::Test {
+ protected:
+  Ptr<SegmentMplsLabel> segment(U32 label) {
+    return segmentMplsLabelFactory(SegmentType::segMplsLabel, MplsLabel(label))
+        ->dedup(*tables->segDedupTablePtr());
+  }
+  Mpls::RouteKey key(U32 label, U8 source) {
+    return Mpls::RouteKey(MplsLabel(label), Mpls::LFib::Source(source));
+  }
+  void route(U32 label, U8 source, U64 adjIndex, RouteType type = RouteType::label,
+             U32 metric = 0) {
+    lfib->lfibRouteIs(Mpls::LFib::Route(key(label, source),
+                                        AdjacencyKey(adjIndex, AdjacencyKind::adjacency), type, {},
+                                        metric, {}));
+  }
+  // The adjacency index of a segment's status entry; 0 when it has none.
+  U64 adj(Ptr<SegmentMplsLabel> const& s) {
+    Ptr<SegmentResolve> r = status->status(s->segmentId());
+    return r ? r->adjKey().index() : 0;
+  }
+
+  Ptr<CoreDedupTables> tables = initializedTables();
+  Ptr<Mpls::Status> lfib = Mpls::statusFactory("lfib");
+  Ptr<SegmentStatus> status = segmentStatusFactory("segmentStatus");
+  Ptr<SegmentSm> sm = segmentSmFactory(tables->notifyingSegmentCollection(), lfib, status, tables,
+                                       segmentResolverFactory(lfib));
+};
+
+// Fault: resolving before handleInitialized, or never catching up on segments made earlier.
+TEST_F(SegmentSmTest, SegmentsMadeBeforeInitializationResolveAtInitialization) {
+  route(16001, 3, 30);
+  Ptr<SegmentMplsLabel> s = segment(16001);
+  EXPECT_EQ(status->statusCount(), 0u);
+  sm->handleInitialized();
+  EXPECT_EQ(adj(s), 30u);
+}
+
+// Faults: the incremental path applying the lowest-source rule (it must judge only the changed
+// route), or the full pass failing to restore it.
+TEST_F(SegmentSmTest, OneRouteChangeIsJudgedAloneUntilTheNextFullPass) {
+  sm->handleInitialized();
+  route(16001, 3, 30);
+  route(16001, 7, 70);
+  Ptr<SegmentMplsLabel> s = segment(16001);
+  EXPECT_EQ(adj(s), 30u) << "a new segment takes the lowest usable source";
+
+  route(16001, 9, 90);
+  EXPECT_EQ(adj(s), 90u) << "a new usable route replaces the adjacency whatever its source";
+
+  lfib->lfibRouteDel(key(16001, 9));
+  EXPECT_EQ(adj(s), 0u) << "a removed route deletes the status though sources 3 and 7 remain";
+
+  sm->handleLFibRoute();
+  EXPECT_EQ(adj(s), 30u);
+
+  // A skipped route (a pseudowire) of one source deletes the status too.
+  route(16001, 7, 70, RouteType::pseudowire);
+  EXPECT_EQ(adj(s), 0u);
+  lfib->lfibRouteNotifyCollection();
+  EXPECT_EQ(adj(s), 30u) << "the whole-table notification runs the full pass";
+}
+
+// Faults: replacing the entry object on an adjacency change (watchers would lose it),
+// notifying an unchanged adjacency, or touching statuses for labels no segment uses.
+TEST_F(SegmentSmTest, EntryIsKeptAcrossAdjacencyChangesAndUnusedLabelsAreIgnored) {
+  sm->handleInitialized();
+  route(16001, 3, 30);
+  Ptr<SegmentMplsLabel> s = segment(16001);
+  Ptr<SegmentResolve> entry = status->status(s->segmentId());
+  ASSERT_TRUE(entry);
+  AdjKeyCount watcher;
+  watcher.notifierIs(entry);
+
+  route(16001, 3, 31);
+  EXPECT_EQ(status->status(s->segmentId()), entry);
+  EXPECT_EQ(entry->adjKey().index(), 31u);
+  EXPECT_EQ(watcher.count, 1);
+
+  route(16001, 3, 31, RouteType::label, 5);
+  EXPECT_EQ(watcher.count, 1) << "a route change that keeps the adjacency notifies nothing";
+
+  route(17000, 1, 99);
+  lfib->lfibRouteDel(key(17000, 1));
+  EXPECT_EQ(status->statusCount(), 1u);
+  watcher.notifierIs(nullptr);
+}
+
+// Fault: a segment that leaves the store keeps its status.
+TEST_F(SegmentSmTest, LastUserGoneDeletesTheStatusWithItsTrace) {
+  Capture capture;
+  Flicker::traceSinkIs(&capture);
+  Flicker::traceEnabledLevelsIs("SrTePolicySegmentSm", 1u << 7);
+  sm->handleInitialized();
+  route(16001, 3, 30);
+  Ptr<SegmentMplsLabel> s = segment(16001);
+  SegmentId id = s->segmentId();
+  EXPECT_TRUE(status->status(id));
+  s = nullptr;
+  Flicker::traceEnabledLevelsIs("SrTePolicySegmentSm", 0);
+  Flicker::traceSinkIs(nullptr);
+  EXPECT_FALSE(status->status(id));
+  std::vector<std::string> expected = {"handleSegment segment: 1", "Deleting Segment"};
+  EXPECT_EQ(std::vector<std::string>(capture.lines.end() - 2, capture.lines.end()), expected);
+}
+
+}  // namespace
