@@ -45,6 +45,14 @@ StaticConfigAgent::StaticConfigAgent(Mosk::Ptr<Config const> config,
     : config_(std::move(config)), input_(std::move(staticInput)) {
   configReactor_ = Mosk::Ptr<ConfigReactor>(new ConfigReactor(this));
   configReactor_->notifierIs(config_);
+  // A table written by an earlier instance (the agent restarted): its candidate paths keep
+  // their ids, and resync() withdraws those the configuration no longer has.
+  for (auto it = input_->policyInputEntryIter(); it; ++it) {
+    std::optional<PolicyInputEntry> entry = input_->policyInputEntry(it.key());
+    if (!entry) continue;
+    ids_.emplace(std::make_pair(PolicyKey(entry->endpoint(), entry->color()), entry->preference()),
+                 entry->key());
+  }
   resync();
 }
 
@@ -58,12 +66,16 @@ std::vector<std::string> StaticConfigAgent::takeProblems() {
 
 void StaticConfigAgent::resync() {
   std::vector<PolicyKey> keys;
-  for (auto it = config_->policyIterConst(); it; ++it) keys.push_back(it.key());
-  for (auto const& [key, reactor] : policyReactors_) keys.push_back(key);
-  for (auto const& [keyPref, id] : ids_) keys.push_back(keyPref.first);
+  for (auto it = config_->policyIterConst(); it; ++it)
+    keys.push_back(it.key());
+  for (auto const& [key, reactor] : policyReactors_)
+    keys.push_back(key);
+  for (auto const& [keyPref, id] : ids_)
+    keys.push_back(keyPref.first);
   std::sort(keys.begin(), keys.end());
   keys.erase(std::unique(keys.begin(), keys.end()), keys.end());
-  for (PolicyKey const& key : keys) syncPolicy(key);
+  for (PolicyKey const& key : keys)
+    syncPolicy(key);
 }
 
 PolicyId StaticConfigAgent::idFor(PolicyKey const& key, Preference preference) {
@@ -109,7 +121,8 @@ void StaticConfigAgent::syncPolicy(PolicyKey const& key) {
     for (auto it = policy->candidatePathIterConst(); it; ++it) {
       CandidatePath const& path = *it;
       std::vector<std::pair<Ludd::MplsLabelOperation, Weight>> lists;
-      for (auto l = path.segmentListIter(); l; ++l) lists.emplace_back(l.key(), l.value());
+      for (auto l = path.segmentListIter(); l; ++l)
+        lists.emplace_back(l.key(), l.value());
       if (lists.size() > PolicyInputEntry::maxSegmentLists) {
         std::ostringstream os;
         os << "static policy " << key.endpoint() << " color " << key.color() << " preference "
@@ -125,13 +138,15 @@ void StaticConfigAgent::syncPolicy(PolicyKey const& key) {
       entry.colorIs(key.color());
       entry.preferenceIs(path.preference());
       entry.bindingSidIs(path.bindingSid().isNone() ? policy->bindingSid() : path.bindingSid());
-      for (auto const& [stack, weight] : lists) entry.segmentListPush(WeightedSegList(weight, stack));
+      for (auto const& [stack, weight] : lists)
+        entry.segmentListPush(WeightedSegList(weight, stack));
       wanted.emplace(path.preference(), entry);
     }
   }
 
   // Withdraw the candidate paths of this key that are no longer wanted, then write the others.
-  for (auto it = ids_.lower_bound({key, Preference(0)}); it != ids_.end() && it->first.first == key;) {
+  for (auto it = ids_.lower_bound({key, Preference(0)});
+       it != ids_.end() && it->first.first == key;) {
     if (wanted.count(it->first.second)) {
       ++it;
       continue;
@@ -139,7 +154,8 @@ void StaticConfigAgent::syncPolicy(PolicyKey const& key) {
     input_->policyInputEntryDel(it->second);
     it = ids_.erase(it);
   }
-  for (auto const& [preference, entry] : wanted) input_->policyInputEntryIs(entry);
+  for (auto const& [preference, entry] : wanted)
+    input_->policyInputEntryIs(entry);
 }
 
 }  // namespace SrTePolicy

@@ -50,7 +50,8 @@ class StaticConfigAgent : public Mosk::PtrInterface {
 
 inline Mosk::Ptr<StaticConfigAgent> staticConfigAgentFactory(Mosk::Ptr<Config const> config,
                                                              Mosk::Ptr<PolicyInput> staticInput) {
-  return Mosk::Ptr<StaticConfigAgent>(new StaticConfigAgent(std::move(config), std::move(staticInput)));
+  return Mosk::Ptr<StaticConfigAgent>(
+      new StaticConfigAgent(std::move(config), std::move(staticInput)));
 }
 
 }  // namespace SrTePolicy

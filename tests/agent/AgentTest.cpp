@@ -1,0 +1,111 @@
+// The host: static configuration flowing through the pipeline, and restarts of every kind
+// leading back to the same forwarding state.
+#include <gtest/gtest.h>
+
+#include "PublishedState.h"
+#include "SrTePolicyAgent.h"
+
+using namespace SrTePolicy;
+using Ludd::IntfId;
+using Ludd::IpGenAddr;
+using Ludd::MplsLabel;
+using Ludd::MplsLabelOperation;
+
+namespace {
+
+class Agent : public ::testing::Test {
+ protected:
+  void routeUp(U32 label, U64 adjIndex, char const* nextHop) {
+    Mpls::ViaSet vias{Mpls::Via(IntfId(IntfId::Kind::ethernet, 1), IpGenAddr::parse(nextHop),
+                                Ludd::MplsLabelAction::actionSwap, MplsLabel(label))};
+    agent.mplsStatus()->lfibAdjacencyIs(adjIndex, Mpls::LfibAdjacency(vias));
+    agent.mplsStatus()->lfibRouteIs(
+        Mpls::LFib::Route(Mpls::RouteKey(MplsLabel(label), Mpls::LFib::Source(2)),
+                          Mpls::AdjacencyKey(adjIndex, Mpls::AdjacencyKind::adjacency),
+                          Mpls::LFib::RouteType::label, Mpls::LFib::Source(2), 0, {}));
+  }
+  void candidate(PolicySource source, U32 index, char const* endpoint, U32 preference, U32 bsid,
+                 std::initializer_list<MplsLabelOperation> stacks) {
+    PolicyInputEntry e(PolicyId::make(source, index));
+    e.endpointIs(IpGenAddr::parse(endpoint));
+    e.colorIs(Color(7));
+    e.preferenceIs(Preference(preference));
+    e.bindingSidIs(MplsLabel(bsid));
+    U32 w = 1;
+    for (auto const& s : stacks)
+      e.segmentListPush(WeightedSegList(Weight(w++), s));
+    agent.sourceTableIs(source)->policyInputEntryIs(e);
+  }
+  PolicyKey key(char const* endpoint) { return PolicyKey(IpGenAddr::parse(endpoint), Color(7)); }
+
+  SrTePolicyAgent agent{Vell::manualClockFactory()};
+};
+
+TEST_F(Agent, StaticConfigurationFlowsThroughThePipelineAndFollowsChanges) {
+  routeUp(16001, 1, "10.0.0.2");
+  auto policy = agent.config()->policyIs(key("192.0.2.9"));
+  policy->bindingSidIs(MplsLabel(900009));
+  auto path = policy->candidatePathIs(Preference(50));
+  path->segmentListIs(MplsLabelOperation{16001, 20}, Weight(3));
+  agent.advanceUntilIdle();
+  auto status = agent.policyStatus()->status(key("192.0.2.9"));
+  ASSERT_TRUE(status);
+  EXPECT_EQ(status->bindingSid(), MplsLabel(900009));
+  EXPECT_EQ(PolicyId(status->id()).source(), PolicySource::sourceStatic);
+  EXPECT_EQ(status->weightedViaSet()->weightedViaIter().value(), Weight(3));
+
+  path->segmentListIs(MplsLabelOperation{16001, 20}, Weight(5));
+  agent.advanceUntilIdle();
+  status = agent.policyStatus()->status(key("192.0.2.9"));
+  EXPECT_EQ(status->weightedViaSet()->weightedViaIter().value(), Weight(5));
+
+  // More segment lists than a candidate path carries: reported, and the path withdrawn.
+  for (U32 i = 0; i < 16; ++i)
+    path->segmentListIs(MplsLabelOperation{16001, 100 + i}, Weight(1));
+  agent.advanceUntilIdle();
+  auto problems = agent.takeConfigProblems();
+  ASSERT_EQ(problems.size(), 1u);
+  EXPECT_NE(problems[0].find("at most 16"), std::string::npos) << problems[0];
+  EXPECT_FALSE(agent.policyStatus()->status(key("192.0.2.9")));
+
+  policy->candidatePathDel(Preference(50));
+  agent.config()->enabledIs(false);
+  agent.advanceUntilIdle();
+  EXPECT_EQ(agent.sourceTable(PolicySource::sourceStatic)->policyInputEntryCount(), 0u);
+}
+
+TEST_F(Agent, EveryKindOfRestartLeadsBackToTheSameForwardingState) {
+  routeUp(16001, 1, "10.0.0.2");
+  routeUp(17001, 2, "10.0.1.2");
+  candidate(PolicySource::sourceBgp, 1, "192.0.2.1", 200, 900001, {{16001, 16002}, {17001}});
+  candidate(PolicySource::sourcePcep, 1, "192.0.2.1", 100, 900001, {{17001, 5}});
+  candidate(PolicySource::sourcePcep, 2, "192.0.2.2", 100, 900002, {{16001}});
+  agent.config()
+      ->policyIs(key("192.0.2.3"))
+      ->candidatePathIs(Preference(10))
+      ->segmentListIs(MplsLabelOperation{17001, 16001}, Weight(1));
+  agent.advanceUntilIdle();
+  std::string before = publishedState(agent);
+  ASSERT_NE(before.find("192.0.2.1"), std::string::npos) << before;
+  ASSERT_NE(before.find("192.0.2.3"), std::string::npos) << before;
+
+  for (Machine m : allMachines) {
+    agent.restart(m);
+    agent.advanceUntilIdle();
+    EXPECT_EQ(publishedState(agent), before) << "after restarting " << machineName(m);
+  }
+  agent.restartPipeline();
+  agent.advanceUntilIdle();
+  EXPECT_EQ(publishedState(agent), before) << "after restarting the pipeline";
+  agent.restartAgent();
+  agent.advanceUntilIdle();
+  EXPECT_EQ(publishedState(agent), before) << "after restarting the agent";
+
+  // And the pipeline still follows its inputs afterwards.
+  agent.sourceTableDel(PolicySource::sourceBgp);
+  agent.advanceUntilIdle();
+  EXPECT_EQ(agent.policyStatus()->status(key("192.0.2.1"))->id(),
+            PolicyId::make(PolicySource::sourcePcep, 1).value());
+}
+
+}  // namespace
