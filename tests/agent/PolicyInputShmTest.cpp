@@ -39,9 +39,11 @@ class PolicyInputShm : public ::testing::Test {
   void source(F body) {
     pid_t pid = ::fork();
     if (pid == 0) {
-      {
+      try {
         PolicyInputShmWriter w(name);
         body(w);
+      } catch (...) {
+        ::_exit(99);
       }
       ::_exit(0);
     }
