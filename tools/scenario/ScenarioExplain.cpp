@@ -258,7 +258,7 @@ class Explainer {
       state = "no resolved segment list";
       why = entry->wSegmentListCount() == 0
                 ? "it has no segment list"
-                : std::string("none of its segment lists resolves (see the segment lists)");
+                : std::string("none of its segment lists resolves; see the segment lists");
     }
     out["state"] = state;
     out["why"] = why;
@@ -504,6 +504,18 @@ class Explainer {
       if (bsidRouteTarget(bsid).is_null()) {
         out.push_back("policy " + keyName(it.key()) + " publishes binding SID " +
                       std::to_string(bsid.value()) + ", but no LFIB route is installed for it");
+      }
+    }
+    // A published FEC over a tunnel that is gone: the tunnel table was rebuilt and publishing
+    // has not caught up yet.
+    for (auto it = agent_.srteFwdStatus()->fecIter(); it; ++it) {
+      for (Fib::Via const& v : agent_.srteFwdStatus()->fec(it.key())) {
+        if (!agent_.tunnelTable()->entry(v.tunnelId())) {
+          out.push_back("FEC " + fecName(it.key()) + " points at tunnel " +
+                        tunnelName(v.tunnelId()) +
+                        ", which the tunnel table no longer holds (publishing catches up 50 ms "
+                        "after the change)");
+        }
       }
     }
     for (auto const& [bsid, keys] : claims) {

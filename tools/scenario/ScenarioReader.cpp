@@ -344,8 +344,7 @@ class Reader {
   // Values.
 
   Ludd::MplsLabel label(Node const& n) const {
-    return Ludd::MplsLabel(
-        static_cast<U32>(n.unsignedIn(0, Ludd::MplsLabel::max, "an MPLS label")));
+    return Ludd::MplsLabel(static_cast<U32>(n.unsignedIn(0, Ludd::MplsLabel::max, "MPLS label")));
   }
   Ludd::MplsLabel bindingSid(Node const& n) const {
     if (n.value().is_null()) return Ludd::MplsLabel();

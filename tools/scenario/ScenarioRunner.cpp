@@ -16,6 +16,8 @@ namespace {
 
 // The digest's mark for a segment list without a tunnel.
 constexpr char const* kUnresolved = "-";
+// Between a list's tunnel and its next hops in the digest.
+constexpr char kHopsMark = '|';
 
 // The clock's limit for the final settling, in seconds.
 constexpr double kIdleLimit = 3600.0;
@@ -317,13 +319,32 @@ ScenarioRunner::Digest ScenarioRunner::digest() const {
     std::ostringstream os;
     os << candidateName(PolicyId(it.ptr()->id()));
     if (!it.ptr()->bindingSid().isNone()) os << ", binding SID " << it.ptr()->bindingSid().value();
-    U32 tunnels = it.ptr()->weightedViaSet() ? it.ptr()->weightedViaSet()->weightedViaCount() : 0;
-    os << ", " << count(tunnels, "tunnel");
+    std::set<Tunnel::TunnelTable::TunnelId> tunnels;
+    if (it.ptr()->weightedViaSet()) {
+      for (auto w = it.ptr()->weightedViaSet()->weightedViaIter(); w; ++w)
+        tunnels.insert(w.key());
+    }
+    os << ", " << (tunnels.size() == 1 ? "tunnel" : "tunnels");
+    for (auto const& t : tunnels)
+      os << " " << tunnelName(t);
     d.published[it.key()] = os.str();
   }
   for (auto it = agent.segmentListIdToPolicyMap()->segmentListUserIterConst(); it; ++it) {
     auto status = agent.segmentListStatus()->status(it.key());
-    d.lists[it.key().value()] = status ? tunnelName(status->tunnelId()) : kUnresolved;
+    std::string value = kUnresolved;
+    if (status) {
+      value = tunnelName(status->tunnelId()) + kHopsMark;
+      if (auto entry = agent.tunnelTable()->entry(status->tunnelId())) {
+        std::string hops;
+        for (auto const& via : *entry) {
+          std::ostringstream os;
+          os << via.nextHop() << " " << via.intf() << " push " << stackText(via.labelOperation());
+          hops += (hops.empty() ? "" : "; ") + os.str();
+        }
+        value += hops;
+      }
+    }
+    d.lists[it.key().value()] = value;
   }
   return d;
 }
@@ -349,13 +370,22 @@ OrderedJson ScenarioRunner::changes(Digest const& before, Digest const& after) c
   // A list that comes or goes unresolved is not a change of forwarding: it is left out.
   compare(before.lists, after.lists, [](U32 id, std::string const& was, std::string const& now) {
     std::string name = "segment list " + std::to_string(id);
-    if (now.empty())
-      return was == kUnresolved ? std::string() : name + " gone (was tunnel " + was + ")";
-    if (now == kUnresolved) {
-      return was.empty() ? std::string() : name + " unresolved (was tunnel " + was + ")";
+    auto tunnel = [](std::string const& v) { return v.substr(0, v.find(kHopsMark)); };
+    auto hops = [](std::string const& v) { return v.substr(v.find(kHopsMark) + 1); };
+    if (now.empty()) {
+      return was == kUnresolved ? std::string() : name + " gone (was tunnel " + tunnel(was) + ")";
     }
-    if (was.empty() || was == kUnresolved) return name + " resolved: tunnel " + now;
-    return name + " moved to tunnel " + now + " (was " + was + ")";
+    if (now == kUnresolved) {
+      return was.empty() ? std::string() : name + " unresolved (was tunnel " + tunnel(was) + ")";
+    }
+    if (was.empty() || was == kUnresolved) {
+      return name + " resolved: tunnel " + tunnel(now) + " via " + hops(now);
+    }
+    if (tunnel(was) != tunnel(now)) {
+      return name + " moved to tunnel " + tunnel(now) + " (was " + tunnel(was) + ") via " +
+             hops(now);
+    }
+    return name + " next hops now " + hops(now) + " (tunnel " + tunnel(now) + ")";
   });
   compare(before.active, after.active,
           [](PolicyKey const& k, std::string const& was, std::string const& now) {
