@@ -34,11 +34,12 @@ std::string joined(OrderedJson const& list, char const* sep) {
   return out;
 }
 
-// Graphviz identifiers and labels are quoted; quotes inside are escaped.
-std::string quoted(std::string const& s) {
+// Graphviz identifiers and labels are quoted; quotes inside are escaped. Backslashes are left
+// alone: the labels use Graphviz's own "\n" for line breaks.
+std::string dotQuoted(std::string const& s) {
   std::string out = "\"";
   for (char c : s) {
-    if (c == '"' || c == '\\') out += '\\';
+    if (c == '"') out += '\\';
     out += c;
   }
   return out + "\"";
@@ -182,7 +183,8 @@ void renderTextState(std::ostream& os, OrderedJson const& state, std::string con
 }
 
 void renderDot(std::ostream& os, OrderedJson const& state) {
-  os << "digraph srte {\n  rankdir=LR;\n  node [fontname=\"Helvetica\", fontsize=10];\n";
+  os << "digraph srte {\n  rankdir=LR;\n  node [fontname=\"Helvetica\", fontsize=10];\n  edge "
+        "[fontname=\"Helvetica\", fontsize=9];\n";
   std::map<std::string, OrderedJson const*> lists;
   for (auto const& l : state["segmentLists"])
     lists["sl" + l["id"].dump()] = &l;
@@ -193,36 +195,38 @@ void renderDot(std::ostream& os, OrderedJson const& state) {
     std::string label = str(p["name"]);
     if (!p["published"].is_null()) label += "\\nFEC " + str(p["published"]["fec"]);
     if (!p["activeBindingSid"].is_null()) label += "\\nBSID " + p["activeBindingSid"].dump();
-    os << "  " << quoted(pid) << " [shape=box, style=rounded, label=" << quoted(label) << "];\n";
+    os << "  " << dotQuoted(pid) << " [shape=box, style=rounded, label=" << dotQuoted(label)
+       << "];\n";
     for (auto const& c : p["candidates"]) {
       std::string cid = "candidate " + str(c["name"]);
       bool active = c["state"] == "active";
-      os << "  " << quoted(cid) << " [shape=ellipse, label="
-         << quoted(str(c["name"]) + "\\npref " + c["preference"].dump() + "\\n" + str(c["state"]))
+      os << "  " << dotQuoted(cid) << " [shape=ellipse, label="
+         << dotQuoted(str(c["name"]) + "\\npref " + c["preference"].dump() + "\\n" +
+                      str(c["state"]))
          << (active ? ", style=bold" : ", style=dashed") << "];\n";
-      os << "  " << quoted(pid) << " -> " << quoted(cid) << (active ? " [style=bold]" : "")
+      os << "  " << dotQuoted(pid) << " -> " << dotQuoted(cid) << (active ? " [style=bold]" : "")
          << ";\n";
       for (auto const& l : c["segmentLists"]) {
-        os << "  " << quoted(cid) << " -> " << quoted("sl" + l["id"].dump())
-           << " [label=" << quoted("w " + l["weight"].dump()) << "];\n";
+        os << "  " << dotQuoted(cid) << " -> " << dotQuoted("sl" + l["id"].dump())
+           << " [label=" << dotQuoted("w " + l["weight"].dump()) << "];\n";
       }
     }
   }
   for (auto const& [id, l] : lists) {
     OrderedJson const& list = *l;
     bool resolved = list["resolved"].get<bool>();
-    os << "  " << quoted(id) << " [shape=box, label="
-       << quoted("list " + list["id"].dump() + "\\n" + labels(list["labels"])) << ", "
+    os << "  " << dotQuoted(id) << " [shape=box, label="
+       << dotQuoted("list " + list["id"].dump() + "\\n" + labels(list["labels"])) << ", "
        << (resolved ? "color=black" : "color=red") << "];\n";
     if (!resolved) continue;
     std::string tid = str(list["tunnel"]);
-    if (tunnels.insert(tid).second) os << "  " << quoted(tid) << " [shape=cds];\n";
-    os << "  " << quoted(id) << " -> " << quoted(tid) << ";\n";
+    if (tunnels.insert(tid).second) os << "  " << dotQuoted(tid) << " [shape=cds];\n";
+    os << "  " << dotQuoted(id) << " -> " << dotQuoted(tid) << ";\n";
     for (auto const& h : list["nextHops"]) {
       std::string hop = str(h["nextHop"]) + " " + str(h["interface"]);
-      if (hops.insert(hop).second) os << "  " << quoted(hop) << " [shape=plaintext];\n";
-      os << "  " << quoted(tid) << " -> " << quoted(hop)
-         << " [label=" << quoted("push " + str(h["push"])) << "];\n";
+      if (hops.insert(hop).second) os << "  " << dotQuoted(hop) << " [shape=plaintext];\n";
+      os << "  " << dotQuoted(tid) << " -> " << dotQuoted(hop)
+         << " [label=" << dotQuoted("push " + str(h["push"])) << "];\n";
     }
   }
   os << "}\n";
