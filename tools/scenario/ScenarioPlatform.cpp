@@ -69,7 +69,7 @@ void PlatformLoader::repointRoutes(U64 from, U64 to, bool extFec) {
     lfib_->lfibRouteIs(r);
 }
 
-void PlatformLoader::commitFec(Family family, Fib::FecId id, std::vector<FecVia> const& vias) {
+Fib::Fec PlatformLoader::makeFec(Fib::FecId id, std::vector<FecVia> const& vias) {
   Fib::Fec out(id);
   U32 slot = 0;
   for (FecVia const& v : vias) {
@@ -78,10 +78,14 @@ void PlatformLoader::commitFec(Family family, Fib::FecId id, std::vector<FecVia>
                                             Tunnel::TunnelTable::TunnelId()));
   }
   out.viaCountIs(slot);
+  return out;
+}
+
+void PlatformLoader::commitFec(Family family, Fib::Fec const& fec) {
   if (family == Family::ipv4) {
-    fwd_->fecCommit(out);
+    fwd_->fecCommit(fec);
   } else {
-    fwd6_->fecCommit(out);
+    fwd6_->fecCommit(fec);
   }
 }
 
@@ -97,15 +101,17 @@ void PlatformLoader::writeFec(Fec const& fec, std::vector<std::string>& notes) {
   for (auto it = lfib_->lfibExtFecAdjacencyIter(); it; ++it) {
     if (it.value().fecId() == oldId) users.push_back(it.key());
   }
-  bool present = storedFec(family, oldId) != Fib::Fec();
+  Fib::Fec const& stored = storedFec(family, oldId);
+  bool present = stored != Fib::Fec();
+  if (present && stored == makeFec(oldId, fec.vias)) return;
   if (!present || users.empty()) {
-    commitFec(family, oldId, fec.vias);
+    commitFec(family, makeFec(oldId, fec.vias));
     return;
   }
   U64 moved = fresh(space);
   space.alias[fec.ref.index] = moved;
   Fib::FecId newId = fecId(family, moved);
-  commitFec(family, newId, fec.vias);
+  commitFec(family, makeFec(newId, fec.vias));
   std::ostringstream os;
   os << (family == Family::ipv4 ? "ipv4" : "ipv6") << " FEC " << fec.ref.index
      << ": new next hops published as FEC index " << moved

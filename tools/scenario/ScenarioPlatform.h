@@ -55,7 +55,8 @@ class PlatformLoader {
   static U64 nameOf(Space const& s, U64 index);
   static U64 fresh(Space& s);
 
-  void commitFec(Family family, Fib::FecId id, std::vector<FecVia> const& vias);
+  static Fib::Fec makeFec(Fib::FecId id, std::vector<FecVia> const& vias);
+  void commitFec(Family family, Fib::Fec const& fec);
   Fib::Fec const& storedFec(Family family, Fib::FecId id) const;
   void writeFec(Fec const& fec, std::vector<std::string>& notes);
   void writeExtFec(U64 name, Fib::FecId fecId, Ludd::MplsLabelAction action,
