@@ -55,15 +55,13 @@ def composite_log_source(o, v):
 
 
 def enum_log_traits(o, e):
+    """An enumeration travels as a 32-bit word whatever its width; an unknown value raises the
+    range error on reading."""
     q = e.qualified
     o("template <>")
     o(f"struct LogTraits<{q}> {{")
-    o(f"  static void write(LogWriter& w, {q} v) {{")
-    o(f"    LogTraits<{e.underlying}>::write(w, static_cast<{e.underlying}>(v));")
-    o("  }")
-    o(f"  static {q} read(LogReader& r) {{")
-    o(f"    return {e.ns}::{e.name}Instance(LogTraits<{e.underlying}>::read(r));")
-    o("  }")
+    o(f"  static void write(LogWriter& w, {q} v) {{ w.u32(static_cast<U32>(v)); }}")
+    o(f"  static {q} read(LogReader& r) {{ return {e.ns}::{e.name}Instance(r.u32(\"{e.name}\")); }}")
     o("};")
 
 
