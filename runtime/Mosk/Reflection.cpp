@@ -40,7 +40,9 @@ AttributeInfo const& TypeRecord::attribute(std::string_view name) const {
 }
 
 std::string TypeRecord::attributeText(void const* object, U32 id) const {
-  return attribute(id).text(object);
+  AttributeInfo const& a = attribute(id);
+  if (a.text == nullptr) throw RangeException(name_ + "::" + a.name + " has no text form");
+  return a.text(object);
 }
 
 void TypeRecord::attributeTextIs(void* object, U32 id, std::string_view text) const {

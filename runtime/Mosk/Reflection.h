@@ -219,4 +219,36 @@ AttributeInfo collectionInfo(U32 id, char const* name, char const* type) {
   return a;
 }
 
+template <class>
+struct IndexedMemberOf;
+template <class O, class R, class I>
+struct IndexedMemberOf<R (O::*)(I) const> {
+  using Object = O;
+  using Index = std::decay_t<I>;
+};
+
+// A fixed array read as text: "{index: value, ...}" over the positions that hold a value.
+template <auto At, U32 N>
+AttributeInfo arrayInfo(U32 id, char const* name, char const* type) {
+  using O = typename IndexedMemberOf<decltype(At)>::Object;
+  using I = typename IndexedMemberOf<decltype(At)>::Index;
+  AttributeInfo a{id, name, type, AttributeKind::collection, nullptr, nullptr, nullptr, nullptr};
+  a.text = [](void const* o) {
+    std::ostringstream os;
+    os << '{';
+    bool first = true;
+    for (U32 i = 0; i < N; ++i) {
+      auto const& v = (static_cast<O const*>(o)->*At)(I(i));
+      if (isEmptyValue(v)) continue;
+      if (!first) os << ", ";
+      first = false;
+      os << i << ": ";
+      writeStrep(os, v);
+    }
+    os << '}';
+    return os.str();
+  };
+  return a;
+}
+
 }  // namespace Mosk

@@ -88,11 +88,14 @@ TEST(MoskReplication, DeltaCarriesOnlyChangedKeys) {
   Replica a;
   fill(*a.source);
   a.sync();
+  a.flush();  // delta 1 repeats what the snapshot holds
   auto other = treeFactory("tree");
+  auto otherAdapter = Mosk::logAdapterFactory(Mosk::constPtr(other));
+  otherAdapter->activate();
   fill(*other);
   other->leaf(1)->levelIs(7777);
   other->pairIs(Pair(7, Small(9)));
-  auto otherAdapter = Mosk::logAdapterFactory(Mosk::constPtr(other));
+  otherAdapter->flush();  // its snapshot then stands where delta 2 follows
   auto copy2 = treeFactory("tree");
   auto mount2 = Mosk::logMountFactory(copy2, "agent-b");
   mount2->apply(otherAdapter->snapshot());
@@ -288,9 +291,12 @@ TEST(MoskReplication, RandomMutationsAndFlushesKeepTheCopyEqual) {
       case 0:
         t.enabledIs(pick(2) == 1);
         break;
-      case 1:
-        t.leafIs(k, pick(2) ? Colour::red : Colour::green, Small(pick(10) + 1));
+      case 1: {
+        Colour colour = pick(2) ? Colour::red : Colour::green;
+        if (auto l = t.leaf(k); l && l->colour() != colour) t.leafDel(k);  // a re-creation
+        t.leafIs(k, colour, Small(pick(10) + 1));
         break;
+      }
       case 2:
         t.leafDel(k);
         break;

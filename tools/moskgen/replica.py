@@ -176,6 +176,11 @@ def emit_entity_record(o, e, model):
             elif c.kind == "entity":
                 it = f"static_cast<{n}::{c.cap}IterConst ({n}::*)() const>(&{n}::{c.name}IterConst)"
                 o(f"        Mosk::collectionInfo<{it}, false>({i}, \"{c.name}\", \"{t}\"),")
+            elif c.kind == "array":
+                at = f"static_cast<{c.value.text} ({n}::*)({c.key.param(model)}) const>(&{n}::{c.name})"
+                if not (c.value.text in BUILTINS or model.is_enum(c.value.text)):
+                    at = f"static_cast<{c.value.text} const& ({n}::*)({c.key.param(model)}) const>(&{n}::{c.name})"
+                o(f"        Mosk::arrayInfo<{at}, {c.capacity}>({i}, \"{c.name}\", \"{t}\"),")
             else:
                 o(f"        Mosk::AttributeInfo{{{i}, \"{c.name}\", \"{t}\", "
                   "Mosk::AttributeKind::collection, nullptr, nullptr, nullptr, nullptr},")
