@@ -78,13 +78,6 @@ std::string adjacencyName(Mpls::AdjacencyKey const& k, PlatformLoader const* loa
   return out;
 }
 
-OrderedJson labelsOf(SrTePolicy::SegmentList const& list) {
-  OrderedJson out = OrderedJson::array();
-  for (U32 i = 0; i < list.size(); ++i)
-    out.push_back(list.segmentLabel(i).value());
-  return out;
-}
-
 std::string viaText(Mpls::Via const& v) {
   std::string out = text(v.nextHop()) + " " + text(v.intf()) + " " + actionName(v.labelAction());
   if (!v.outLabel().isNone()) out += " " + std::to_string(v.outLabel().value());
@@ -115,12 +108,12 @@ std::string skipReason(SrTePolicy::SegmentResolver const& resolver, Mpls::Status
 
 class Explainer {
  public:
-  Explainer(SrTePolicyAgent const& agent, PlatformLoader const* loader)
-      : agent_(agent), loader_(loader), lfib_(*agent.mplsStatus()) {}
+  Explainer(StateView const& view, PlatformLoader const* loader)
+      : view_(view), loader_(loader), lfib_(*view.lfib) {}
 
   OrderedJson state(bool platform) {
     OrderedJson out;
-    out["time"] = std::round(agent_.clock()->now() * 1e6) / 1e6;
+    if (view_.time) out["time"] = std::round(*view_.time * 1e6) / 1e6;
     out["policies"] = policies();
     out["segmentLists"] = segmentLists();
     out["policyFecs"] = policyFecs();
@@ -135,11 +128,11 @@ class Explainer {
 
   OrderedJson policies() {
     std::set<PolicyKey> keys;
-    for (auto it = agent_.policyKeyToIdMap()->mapEntryIterConst(); it; ++it)
+    for (auto it = view_.keyToIdMap->mapEntryIterConst(); it; ++it)
       keys.insert(it.key());
-    for (auto it = agent_.ecPolicy()->policyIterConst(); it; ++it)
+    for (auto it = view_.ecPolicy->policyIterConst(); it; ++it)
       keys.insert(it.key());
-    for (auto it = agent_.policyStatus()->statusIterConst(); it; ++it)
+    for (auto it = view_.policyStatus->statusIterConst(); it; ++it)
       keys.insert(it.key());
     OrderedJson out = OrderedJson::array();
     for (PolicyKey const& key : keys)
@@ -148,7 +141,7 @@ class Explainer {
   }
 
   OrderedJson policy(PolicyKey const& key) {
-    Mosk::Ptr<SrTePolicy::Policy const> ec = agent_.ecPolicy()->policy(key);
+    Mosk::Ptr<SrTePolicy::Policy const> ec = view_.ecPolicy->policy(key);
     Mosk::Ptr<SrTePolicy::PolicyEntry const> active = ec ? ec->active() : nullptr;
     Mosk::Ptr<SrTePolicy::PolicyEntry const> best;
     std::map<U32, Mosk::Ptr<SrTePolicy::PolicyEntry const>> eligible;
@@ -161,16 +154,16 @@ class Explainer {
 
     // Every candidate known for the key, ranked by the priority its input gives it.
     std::map<Priority, U32> ranked;
-    if (auto ids = agent_.policyKeyToIdMap()->mapEntry(key)) {
+    if (auto ids = view_.keyToIdMap->mapEntry(key)) {
       for (auto it = ids->policyIdIter(); it; ++it) {
-        if (auto entry = agent_.policySelectionInput()->policyIdEntry(it.key().value())) {
+        if (auto entry = view_.selectionInput->policyIdEntry(it.key().value())) {
           ranked[Priority(entry->preference(), entry->source(), entry->routerId(), entry->id())] =
               entry->id();
         }
       }
     }
     for (auto const& [id, pe] : eligible) {
-      if (!agent_.policySelectionInput()->policyIdEntry(id)) ranked[pe->priority()] = id;
+      if (!view_.selectionInput->policyIdEntry(id)) ranked[pe->priority()] = id;
     }
 
     OrderedJson out;
@@ -197,7 +190,7 @@ class Explainer {
                         Mosk::Ptr<SrTePolicy::PolicyEntry const> const& active,
                         Mosk::Ptr<SrTePolicy::PolicyEntry const> const& best,
                         std::map<U32, Mosk::Ptr<SrTePolicy::PolicyEntry const>> const& eligible) {
-    auto entry = agent_.policySelectionInput()->policyIdEntry(id);
+    auto entry = view_.selectionInput->policyIdEntry(id);
     OrderedJson out;
     out["rank"] = rank;
     out["name"] = candidateName(PolicyId(id));
@@ -218,11 +211,10 @@ class Explainer {
         OrderedJson l;
         l["id"] = slId;
         l["labels"] = nullptr;
-        auto user =
-            agent_.segmentListIdToPolicyMap()->segmentListUser(SrTePolicy::SegmentListId(slId));
-        if (user) l["labels"] = labelsOf(*user->segmentList());
+        auto known = view_.segmentLists->find(slId);
+        if (known != view_.segmentLists->end()) l["labels"] = known->second.labels;
         l["weight"] = weight;
-        auto status = agent_.segmentListStatus()->status(SrTePolicy::SegmentListId(slId));
+        auto status = view_.segmentListStatus->status(SrTePolicy::SegmentListId(slId));
         if (status) ++resolved;
         l["tunnel"] = status ? OrderedJson(tunnelName(status->tunnelId())) : OrderedJson(nullptr);
         lists.push_back(l);
@@ -267,7 +259,7 @@ class Explainer {
   }
 
   OrderedJson published(PolicyKey const& key) {
-    auto status = agent_.policyStatus()->status(key);
+    auto status = view_.policyStatus->status(key);
     if (!status) return nullptr;
     OrderedJson out;
     out["candidate"] = candidateName(PolicyId(status->id()));
@@ -290,7 +282,7 @@ class Explainer {
   // Where the binding-SID route of `bsid` leads: the FEC's name, or null.
   OrderedJson bsidRouteTarget(Ludd::MplsLabel bsid) {
     if (bsid.isNone()) return nullptr;
-    Mosk::Ptr<Mpls::Status> lfib = agent_.bsidLfib();
+    Mpls::Status const* lfib = view_.bsidLfib.ptr();
     Mpls::LFib::Route route =
         lfib->lfibRoute(Mpls::RouteKey(bsid, Mpls::LFib::Source(kBsidRouteKeySource)));
     if (route == Mpls::LFib::Route()) return nullptr;
@@ -304,36 +296,31 @@ class Explainer {
   // Segment lists.
 
   OrderedJson segmentLists() {
-    std::map<U32, Mosk::Ptr<SrTePolicy::SegmentListUser const>> users;
-    for (auto it = agent_.segmentListIdToPolicyMap()->segmentListUserIterConst(); it; ++it)
-      users[it.key().value()] = it.ptr();
     OrderedJson out = OrderedJson::array();
-    for (auto const& [id, user] : users)
-      out.push_back(segmentList(id, *user));
+    for (auto const& [id, list] : *view_.segmentLists)
+      out.push_back(segmentList(id, list));
     return out;
   }
 
-  OrderedJson segmentList(U32 id, SrTePolicy::SegmentListUser const& user) {
-    SrTePolicy::SegmentList const& list = *user.segmentList();
+  OrderedJson segmentList(U32 id, SegmentListInfo const& list) {
     OrderedJson out;
     out["id"] = id;
-    out["labels"] = labelsOf(list);
-    std::set<U32> ids;
-    for (auto it = user.policyIdIter(); it; ++it)
-      ids.insert(it.key().value());
+    out["labels"] = list.labels;
     OrderedJson usedBy = OrderedJson::array();
-    for (U32 pid : ids)
+    for (U32 pid : list.users)
       usedBy.push_back(candidateName(PolicyId(pid)));
     out["usedBy"] = usedBy;
 
-    auto status = agent_.segmentListStatus()->status(SrTePolicy::SegmentListId(id));
-    auto topStatus = list.size() ? agent_.segmentStatus()->status(list.getSegmentId(0)) : nullptr;
+    auto status = view_.segmentListStatus->status(SrTePolicy::SegmentListId(id));
+    auto topStatus = list.segmentIds.empty()
+                         ? nullptr
+                         : view_.segmentStatus->status(SrTePolicy::SegmentId(list.segmentIds[0]));
     if (status) {
       out["resolved"] = true;
       out["tunnel"] = tunnelName(status->tunnelId());
-      out["via"] = topStatus ? viaRoute(list.segmentLabel(0), topStatus->adjKey()) : "";
+      out["via"] = topStatus ? viaRoute(Ludd::MplsLabel(list.labels[0]), topStatus->adjKey()) : "";
       OrderedJson hops = OrderedJson::array();
-      if (auto entry = agent_.tunnelTable()->entry(status->tunnelId())) {
+      if (auto entry = view_.tunnelTable->entry(status->tunnelId())) {
         for (auto const& via : *entry) {
           hops.push_back(OrderedJson{{"nextHop", text(via.nextHop())},
                                      {"interface", text(via.intf())},
@@ -361,10 +348,10 @@ class Explainer {
     return out + adjacencyName(adjKey, loader_) + " (its route has changed since)";
   }
 
-  std::string unresolvedReason(SrTePolicy::SegmentList const& list,
+  std::string unresolvedReason(SegmentListInfo const& list,
                                Mosk::Ptr<SrTePolicy::SegmentResolve const> const& topStatus) {
-    if (list.size() == 0) return "the list has no label";
-    Ludd::MplsLabel top = list.segmentLabel(0);
+    if (list.labels.empty()) return "the list has no label";
+    Ludd::MplsLabel top(list.labels[0]);
     std::string label = "top label " + std::to_string(top.value());
     if (!topStatus) return unresolvedTop(top, label);
     // The top segment resolved; the adjacency yields no next hop.
@@ -375,11 +362,11 @@ class Explainer {
       if (!ext) return via + "which does not exist: no next hop";
       U32 type = ext->fecId().adjType();
       if (type > 1) return via + "whose FEC " + fecName(ext->fecId()) + " carries no next hop";
-      Fib::Fec const& fec = type == 0 ? agent_.forwardingStatus()->fec(ext->fecId())
-                                      : agent_.forwarding6Status()->fec(ext->fecId());
+      Fib::Fec const& fec = type == 0 ? view_.forwardingStatus->fec(ext->fecId())
+                                      : view_.forwarding6Status->fec(ext->fecId());
       if (fec == Fib::Fec()) return via + "whose FEC " + fecName(ext->fecId()) + " does not exist";
       if (fec.viaCount() == 0) return via + "whose FEC " + fecName(ext->fecId()) + " has no via";
-      if (list.size() == 1 && ext->labelAction() != Ludd::MplsLabelAction::actionForward) {
+      if (list.labels.size() == 1 && ext->labelAction() != Ludd::MplsLabelAction::actionForward) {
         return via + "which does not forward the top label (action " +
                actionName(ext->labelAction()) +
                ") and the list has no other label: no label stack to push";
@@ -389,7 +376,7 @@ class Explainer {
     auto adj = lfib_.lfibAdjacency(k.index());
     if (!adj) return via + "but LFIB adjacency " + std::to_string(k.index()) + " does not exist";
     if (adj->via().empty()) return via + "which has no via: no next hop";
-    if (list.size() == 1) {
+    if (list.labels.size() == 1) {
       bool swaps = std::any_of(adj->via().begin(), adj->via().end(), [](Mpls::Via const& v) {
         return v.labelAction() == Ludd::MplsLabelAction::actionSwap;
       });
@@ -404,7 +391,7 @@ class Explainer {
 
   // The top segment has no status: the routes of its label, judged as the resolver does.
   std::string unresolvedTop(Ludd::MplsLabel top, std::string const& label) {
-    SrTePolicy::SegmentResolver const& resolver = *agent_.segmentResolver();
+    SrTePolicy::SegmentResolver const& resolver = *view_.resolver;
     std::vector<std::string> routes;
     std::optional<U32> usable;
     for (U32 s = 0; s <= 255; ++s) {
@@ -432,11 +419,11 @@ class Explainer {
 
   OrderedJson policyFecs() {
     std::map<Fib::FecId, OrderedJson> fecs;
-    for (auto it = agent_.srteFwdStatus()->fecIter(); it; ++it) {
-      Fib::Fec const& fec = agent_.srteFwdStatus()->fec(it.key());
+    for (auto it = view_.srteFwdStatus->fecIter(); it; ++it) {
+      Fib::Fec const& fec = view_.srteFwdStatus->fec(it.key());
       OrderedJson f;
       f["fec"] = fecName(it.key());
-      auto key = agent_.policyStatus()->fecIdToPolicyKey(it.key());
+      auto key = view_.policyStatus->fecIdToPolicyKey(it.key());
       f["policy"] = key ? OrderedJson(keyName(*key)) : OrderedJson(nullptr);
       std::vector<Tunnel::TunnelTable::TunnelId> tunnels;
       for (Fib::Via const& v : fec)
@@ -455,7 +442,7 @@ class Explainer {
   }
 
   OrderedJson bindingSidRoutes() {
-    Mosk::Ptr<Mpls::Status> lfib = agent_.bsidLfib();
+    Mpls::Status const* lfib = view_.bsidLfib.ptr();
     std::map<Mpls::RouteKey, OrderedJson> routes;
     for (auto it = lfib->lfibRouteIter(); it; ++it) {
       Mpls::LFib::Route const& r = it.value();
@@ -469,7 +456,7 @@ class Explainer {
           std::to_string(index & MplsHelper::LfibGenAdjIdxAllocator::counterMask);
       auto adj = lfib->lfibExtFecAdjacency(r.adjacencyKey().index());
       j["fec"] = adj ? OrderedJson(fecName(adj->fecId())) : OrderedJson(nullptr);
-      auto key = adj ? agent_.policyStatus()->fecIdToPolicyKey(adj->fecId()) : std::nullopt;
+      auto key = adj ? view_.policyStatus->fecIdToPolicyKey(adj->fecId()) : std::nullopt;
       j["policy"] = key ? OrderedJson(keyName(*key)) : OrderedJson(nullptr);
       routes[it.key()] = j;
     }
@@ -482,20 +469,20 @@ class Explainer {
   OrderedJson warnings() {
     // Binding SIDs claimed by the active candidates of more than one policy.
     std::map<U32, std::set<PolicyKey>> claims;
-    for (auto it = agent_.ecPolicy()->policyIterConst(); it; ++it) {
+    for (auto it = view_.ecPolicy->policyIterConst(); it; ++it) {
       auto active = it.ptr()->active();
       if (active && !active->bindingSid().isNone()) {
         claims[active->bindingSid().value()].insert(it.key());
       }
     }
-    for (auto it = agent_.policyStatus()->statusIterConst(); it; ++it) {
+    for (auto it = view_.policyStatus->statusIterConst(); it; ++it) {
       if (!it.ptr()->bindingSid().isNone()) {
         claims[it.ptr()->bindingSid().value()].insert(it.key());
       }
     }
     OrderedJson out = OrderedJson::array();
     // A published binding SID whose route is gone: it was shared, and went with another claim.
-    for (auto it = agent_.policyStatus()->statusIterConst(); it; ++it) {
+    for (auto it = view_.policyStatus->statusIterConst(); it; ++it) {
       Ludd::MplsLabel bsid = it.ptr()->bindingSid();
       if (bsid.isNone() || !it.ptr()->weightedViaSet() ||
           it.ptr()->weightedViaSet()->weightedViaCount() == 0) {
@@ -508,9 +495,9 @@ class Explainer {
     }
     // A published FEC over a tunnel that is gone: the tunnel table was rebuilt and publishing
     // has not caught up yet.
-    for (auto it = agent_.srteFwdStatus()->fecIter(); it; ++it) {
-      for (Fib::Via const& v : agent_.srteFwdStatus()->fec(it.key())) {
-        if (!agent_.tunnelTable()->entry(v.tunnelId())) {
+    for (auto it = view_.srteFwdStatus->fecIter(); it; ++it) {
+      for (Fib::Via const& v : view_.srteFwdStatus->fec(it.key())) {
+        if (!view_.tunnelTable->entry(v.tunnelId())) {
           out.push_back("FEC " + fecName(it.key()) + " points at tunnel " +
                         tunnelName(v.tunnelId()) +
                         ", which the tunnel table no longer holds (publishing catches up 50 ms "
@@ -527,11 +514,11 @@ class Explainer {
       std::string leads = "no route is installed for it";
       if (target.is_string()) {
         leads = "its one LFIB route leads to FEC " + target.get<std::string>();
-        Mosk::Ptr<Mpls::Status> lfib = agent_.bsidLfib();
+        Mpls::Status const* lfib = view_.bsidLfib.ptr();
         auto route = lfib->lfibRoute(
             Mpls::RouteKey(Ludd::MplsLabel(bsid), Mpls::LFib::Source(kBsidRouteKeySource)));
         auto adj = lfib->lfibExtFecAdjacency(route.adjacencyKey().index());
-        auto key = adj ? agent_.policyStatus()->fecIdToPolicyKey(adj->fecId()) : std::nullopt;
+        auto key = adj ? view_.policyStatus->fecIdToPolicyKey(adj->fecId()) : std::nullopt;
         if (key) leads += " (" + keyName(*key) + ")";
       }
       out.push_back("binding SID " + std::to_string(bsid) + " is claimed by " + who + "; " + leads);
@@ -591,8 +578,8 @@ class Explainer {
         fecs[it.key()] = OrderedJson{{"fec", fecName(it.key())}, {"vias", v}};
       }
     };
-    addFecs(*agent_.forwardingStatus());
-    addFecs(*agent_.forwarding6Status());
+    addFecs(*view_.forwardingStatus);
+    addFecs(*view_.forwarding6Status);
     OrderedJson f = OrderedJson::array();
     for (auto& [i, j] : fecs)
       f.push_back(j);
@@ -600,7 +587,7 @@ class Explainer {
     return out;
   }
 
-  SrTePolicyAgent const& agent_;
+  StateView const& view_;
   PlatformLoader const* loader_;
   Mpls::Status const& lfib_;
 };
@@ -638,9 +625,50 @@ std::string stackText(Ludd::MplsLabelOperation const& op) {
   return out;
 }
 
+SegmentListInfo segmentListInfo(SrTePolicy::SegmentListUser const& user) {
+  SegmentListInfo info;
+  SrTePolicy::SegmentList const& list = *user.segmentList();
+  for (U32 i = 0; i < list.size(); ++i) {
+    info.labels.push_back(list.segmentLabel(i).value());
+    info.segmentIds.push_back(list.getSegmentId(i).value());
+  }
+  for (auto it = user.policyIdIter(); it; ++it)
+    info.users.push_back(it.key().value());
+  std::sort(info.users.begin(), info.users.end());
+  return info;
+}
+
+SegmentListDirectory segmentListDirectory(SrTePolicy::SegmentListIdToPolicyMap const& map) {
+  SegmentListDirectory out;
+  for (auto it = map.segmentListUserIterConst(); it; ++it)
+    out.emplace(it.key().value(), segmentListInfo(*it.ptr()));
+  return out;
+}
+
+OrderedJson explainState(StateView const& view, bool platform, PlatformLoader const* loader) {
+  return Explainer(view, loader).state(platform);
+}
+
 OrderedJson explainState(SrTePolicyAgent const& agent, bool platform,
                          PlatformLoader const* loader) {
-  return Explainer(agent, loader).state(platform);
+  SegmentListDirectory lists = segmentListDirectory(*agent.segmentListIdToPolicyMap());
+  StateView view;
+  view.time = agent.clock()->now();
+  view.selectionInput = agent.policySelectionInput();
+  view.keyToIdMap = agent.policyKeyToIdMap();
+  view.segmentLists = &lists;
+  view.segmentStatus = agent.segmentStatus();
+  view.segmentListStatus = agent.segmentListStatus();
+  view.tunnelTable = agent.tunnelTable();
+  view.ecPolicy = agent.ecPolicy();
+  view.policyStatus = agent.policyStatus();
+  view.lfib = agent.mplsStatus();
+  view.resolver = agent.segmentResolver();
+  view.forwardingStatus = agent.forwardingStatus();
+  view.forwarding6Status = agent.forwarding6Status();
+  view.srteFwdStatus = agent.srteFwdStatus();
+  view.bsidLfib = agent.bsidLfib();
+  return explainState(view, platform, loader);
 }
 
 }  // namespace SrTeScenario

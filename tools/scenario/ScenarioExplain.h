@@ -8,10 +8,17 @@
 // The result is one JSON document in a stable order (policies by key, candidates by rank,
 // segment lists by id, FECs by id, routes by label); the text and Graphviz renderers draw the
 // same document, so every output form carries the same content.
+//
+// What is explained is a StateView: the entities the explanation reads, filled either from a
+// pipeline in this process (srte-sim) or from the copies that a reader mounts from a running
+// agent (srte-show), so both print the same thing from the same code.
 #pragma once
 
+#include <map>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include "ScenarioPlatform.h"
 #include "SrTePolicyAgent.h"
@@ -20,8 +27,49 @@ namespace SrTeScenario {
 
 using OrderedJson = nlohmann::ordered_json;
 
-// The state of `agent` at this moment. `platform` also lists the platform's tables; `loader`,
-// when given, names entries by their scenario numbers where those differ from their index.
+// One segment list of the store as the explanation reads it: its labels top first, the ids of
+// its segments in the same order, and the candidate paths that use it (ascending).
+struct SegmentListInfo {
+  std::vector<U32> labels;
+  std::vector<U32> segmentIds;
+  std::vector<U32> users;
+  bool operator==(SegmentListInfo const&) const = default;
+};
+// The segment lists in use, by segment-list id.
+using SegmentListDirectory = std::map<U32, SegmentListInfo>;
+SegmentListInfo segmentListInfo(SrTePolicy::SegmentListUser const& user);
+SegmentListDirectory segmentListDirectory(SrTePolicy::SegmentListIdToPolicyMap const& map);
+
+// The entities an explanation reads; every pointer must be set. `time` is the pipeline's clock
+// when there is one worth showing (a reader of a running agent leaves it out).
+struct StateView {
+  std::optional<double> time;
+  Mosk::Ptr<SrTePolicy::PolicySelectionInput const> selectionInput;
+  Mosk::Ptr<SrTePolicy::PolicyKeyToIdMap const> keyToIdMap;
+  SegmentListDirectory const* segmentLists = nullptr;
+  Mosk::Ptr<SrTePolicy::SegmentStatus const> segmentStatus;
+  Mosk::Ptr<SrTePolicy::SegmentListStatus const> segmentListStatus;
+  Mosk::Ptr<Tunnel::TunnelTable::SrTeSegmentListTunnelTable const> tunnelTable;
+  Mosk::Ptr<SrTePolicy::EcPolicy const> ecPolicy;
+  Mosk::Ptr<SrTePolicy::PolicyStatus const> policyStatus;
+  // The LFIB that segments resolve over, and the resolver's rules for judging its routes.
+  Mosk::Ptr<Mpls::Status const> lfib;
+  Mosk::Ptr<SrTePolicy::SegmentResolver const> resolver;
+  Mosk::Ptr<Skerry::Fib::ForwardingStatus const> forwardingStatus;
+  Mosk::Ptr<Skerry::Fib6::ForwardingStatus const> forwarding6Status;
+  // The FECs of published policies and the binding-SID routes.
+  Mosk::Ptr<Skerry::Fib::ForwardingStatus const> srteFwdStatus;
+  Mosk::Ptr<Mpls::Status const> bsidLfib;
+};
+
+// The state that `view` shows. `platform` also lists the platform's tables; `loader`, when
+// given, names entries by their scenario numbers where those differ from their index.
+OrderedJson explainState(StateView const& view, bool platform,
+                         PlatformLoader const* loader = nullptr);
+
+// The state of `agent` at this moment, through a view of its entities. `platform` also lists the
+// platform's tables; `loader`, when given, names entries by their scenario numbers where those
+// differ from their index.
 OrderedJson explainState(SrTePolicy::SrTePolicyAgent const& agent, bool platform,
                          PlatformLoader const* loader = nullptr);
 

@@ -83,8 +83,9 @@ void renderTextRecord(std::ostream& os, OrderedJson const& record) {
 }
 
 void renderTextState(std::ostream& os, OrderedJson const& state, std::string const& title) {
-  os << "\n=== state at " << seconds(state["time"]) << " s" << (title.empty() ? "" : ": " + title)
-     << " ===\n";
+  // A state read from a running agent carries no simulated time.
+  std::string when = state.contains("time") ? " at " + seconds(state["time"]) + " s" : "";
+  os << "\n=== state" << when << (title.empty() ? "" : ": " + title) << " ===\n";
   os << "policies\n";
   if (state["policies"].empty()) os << "  (none)\n";
   for (auto const& p : state["policies"]) {

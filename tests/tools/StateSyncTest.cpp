@@ -1,0 +1,241 @@
+// The state socket in one process: a server over a pipeline that plays a scenario, readers
+// mounting it over a real Unix-domain socket, the io_context driven by hand with bounded polls.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <boost/asio/local/stream_protocol.hpp>
+#include <boost/asio/write.hpp>
+#include <chrono>
+#include <functional>
+
+#include "ScenarioReader.h"
+#include "ScenarioRunner.h"
+#include "StateClient.h"
+#include "StateServer.h"
+
+using namespace SrTeStateSync;
+using SrTeScenario::OrderedJson;
+
+namespace {
+
+OrderedJson withoutTime(OrderedJson s) {
+  s.erase("time");
+  return s;
+}
+
+class StateSyncTest : public ::testing::Test {
+ protected:
+  StateSyncTest()
+      : path_("/tmp/srte-statesync-test-" + std::to_string(::getpid()) + "-" +
+              ::testing::UnitTest::GetInstance()->current_test_info()->name() + ".sock") {}
+
+  std::unique_ptr<SrTeScenario::ScenarioRunner> runner(char const* file) {
+    auto r = std::make_unique<SrTeScenario::ScenarioRunner>(
+        SrTeScenario::readScenarioFile(std::string(SRTE_SOURCE_DIR) + "/" + file));
+    r->start();
+    return r;
+  }
+  std::unique_ptr<StateServer> serve(SrTePolicy::SrTePolicyAgent const& agent) {
+    ServerOptions o;
+    o.publishPeriod = 0;  // the test publishes
+    return std::make_unique<StateServer>(io_, path_, servedStateOf(agent), o);
+  }
+  std::unique_ptr<StateClient> reader() {
+    ClientOptions o;
+    o.retryMin = 0.001;
+    o.retryMax = 0.01;
+    auto c = std::make_unique<StateClient>(io_, path_, o);
+    c->start();
+    return c;
+  }
+  // Runs the loop until `done` holds, for at most five seconds.
+  bool until(std::function<bool()> const& done) {
+    auto end = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    while (!done() && std::chrono::steady_clock::now() < end)
+      io_.run_for(std::chrono::milliseconds(1));
+    return done();
+  }
+  static OrderedJson shown(StateClient const& c) {
+    return SrTeScenario::explainState(c.state().view(), false);
+  }
+
+  boost::asio::io_context io_;
+  std::string path_;
+};
+
+TEST_F(StateSyncTest, ReaderFollowsEveryStepAndALateReaderGetsTheSameState) {
+  // Catches: a served entity missing from the snapshot, a delta lost or applied out of order,
+  // a platform table (LFIB, FECs) or the segment-list directory not kept in step.
+  for (char const* file :
+       {"examples/02-top-label-failure.json", "examples/03-binding-sid-change.json",
+        "tests/scenarios/next-hop-change.json"}) {
+    SCOPED_TRACE(file);
+    auto run = runner(file);
+    auto server = serve(run->agent());
+    auto early = reader();
+    ASSERT_TRUE(until([&] { return early->synced(); })) << early->lastTrouble();
+    EXPECT_EQ(shown(*early), withoutTime(SrTeScenario::explainState(run->agent(), false)));
+    for (std::size_t i = 0; i < run->scenario().steps.size(); ++i) {
+      run->runStep(i);
+      server->publish();
+      OrderedJson want = withoutTime(SrTeScenario::explainState(run->agent(), false));
+      EXPECT_TRUE(until([&] { return shown(*early) == want; })) << "after step " << i + 1;
+    }
+    run->finish();
+    server->publish();
+    OrderedJson want = withoutTime(SrTeScenario::explainState(run->agent(), false));
+    EXPECT_TRUE(until([&] { return shown(*early) == want; }));
+    EXPECT_EQ(early->generation(), 1u) << "the reader resynchronised: " << early->lastTrouble();
+
+    auto late = reader();
+    ASSERT_TRUE(until([&] { return late->synced(); }));
+    EXPECT_EQ(shown(*late), want);
+  }
+}
+
+TEST_F(StateSyncTest, ReaderCopiesAreReadOnly) {
+  // Catches: a copy that a reader could write behind the agent's back.
+  auto run = runner("examples/01-two-sources.json");
+  auto server = serve(run->agent());
+  auto c = reader();
+  ASSERT_TRUE(until([&] { return c->synced(); }));
+  ASSERT_GT(c->state().ecPolicy()->policyCount(), 0u);
+  auto key = c->state().ecPolicy()->policyIterConst().key();
+  EXPECT_THROW(c->state().ecPolicy()->policyDel(key), Mosk::InternalException);
+}
+
+TEST_F(StateSyncTest, ReaderReconnectsToARestartedAgentIntoFreshCopies) {
+  // Catches: a reader that gives up when the agent goes, or that keeps state the new agent
+  // does not have (applying the new snapshot over the old copies).
+  auto first = runner("examples/03-binding-sid-change.json");
+  for (std::size_t i = 0; i < first->scenario().steps.size(); ++i)
+    first->runStep(i);
+  first->finish();
+  auto server = serve(first->agent());
+  auto c = reader();
+  ASSERT_TRUE(until([&] { return c->synced(); }));
+  OrderedJson before = shown(*c);
+
+  server.reset();
+  ASSERT_TRUE(until([&] { return !c->lastTrouble().empty(); }));
+  // The last whole state stays readable while the agent is away.
+  EXPECT_EQ(shown(*c), before);
+
+  auto second = runner("examples/01-two-sources.json");
+  second->finish();
+  server = serve(second->agent());
+  ASSERT_TRUE(until([&] { return c->generation() == 2; })) << c->lastTrouble();
+  EXPECT_EQ(shown(*c), withoutTime(SrTeScenario::explainState(second->agent(), false)));
+  EXPECT_NE(shown(*c), before);
+}
+
+TEST_F(StateSyncTest, SlowReaderIsDroppedWithoutHoldingUpTheOthers) {
+  // Catches: a server that queues without bound for a reader that never reads, or that drops
+  // or stalls the other readers when one falls behind.
+  auto run = runner("examples/01-two-sources.json");
+  ServerOptions o;
+  o.publishPeriod = 0;
+  o.queueLimit = 1u << 20;
+  StateServer server(io_, path_, servedStateOf(run->agent()), o);
+  auto good = reader();
+  ASSERT_TRUE(until([&] { return good->synced(); }));
+  // A reader that connects and never reads.
+  boost::asio::local::stream_protocol::socket stuck(io_);
+  stuck.connect(boost::asio::local::stream_protocol::endpoint(path_));
+  ASSERT_TRUE(until([&] { return server.clientCount() == 2; }));
+
+  // Rounds of platform changes, each far larger than a socket buffer holds at once.
+  Skerry::Fib::ForwardingStatus& fwd = *run->agent().forwardingStatus();
+  U32 round = 0;
+  for (; round < 100 && server.clientsDropped() == 0; ++round) {
+    for (U32 f = 0; f < 200; ++f) {
+      Fib::Fec fec(Fib::FecId::fecIdForAdjType(0, 1000 + f));
+      for (U32 v = 1; v <= 64; ++v) {
+        fec.viaIs(
+            Fib::ViaIndex(v),
+            Fib::Via(Ludd::IntfId(Ludd::IntfId::Kind::ethernet, v),
+                     Ludd::IpGenAddr(Ludd::IpAddr::fromU32(round + v)), Ludd::MplsLabel(16 + v),
+                     Ludd::MplsLabelAction::actionSwap, false, Tunnel::TunnelTable::TunnelId()));
+      }
+      fec.viaCountIs(64);
+      fwd.fecCommit(fec);
+    }
+    server.publish();
+    Fib::Fec const& last = fwd.fec(Fib::FecId::fecIdForAdjType(0, 1199));
+    ASSERT_TRUE(until([&] { return good->state().forwardingStatus()->fec(last.fecId()) == last; }))
+        << "round " << round;
+  }
+  EXPECT_EQ(server.clientsDropped(), 1u) << "after " << round << " rounds";
+  EXPECT_EQ(server.clientCount(), 1u);
+  EXPECT_EQ(good->generation(), 1u) << good->lastTrouble();
+}
+
+TEST_F(StateSyncTest, RefusedFrameDropsTheConnectionAndResynchronises) {
+  // Catches: a reader that applies a frame it cannot trust, or that stays on a broken stream.
+  boost::asio::local::stream_protocol::acceptor fake(
+      io_, boost::asio::local::stream_protocol::endpoint(path_));
+  auto c = reader();
+  boost::asio::local::stream_protocol::socket peer(io_);
+  fake.accept(peer);
+  // A delta of the FEC table before any snapshot of it.
+  std::vector<U8> bad =
+      frame(FrameKind::delta, Channel::srteFwdStatus, {0, 0, 0, 1, 0, 0, 0, 0, 0});
+  boost::asio::write(peer, boost::asio::buffer(bad));
+  ASSERT_TRUE(until([&] { return !c->lastTrouble().empty(); }));
+  EXPECT_EQ(c->lastTrouble(),
+            "frame of srTePolicyFecs refused: state frame: delta of srTePolicyFecs before its "
+            "snapshot");
+  // It connects again.
+  boost::asio::local::stream_protocol::socket again(io_);
+  fake.non_blocking(true);
+  bool accepted = false;
+  ASSERT_TRUE(until([&] {
+    boost::system::error_code ec;
+    if (!accepted) fake.accept(again, ec);
+    accepted = accepted || !ec;
+    return accepted;
+  }));
+  fake.close();
+  ::unlink(path_.c_str());
+}
+
+TEST(StateSyncFrames, MalformedBodiesChangeNothing) {
+  // Catches: a keyed body applied in part before its error is found, a header taken on trust.
+  MountedState m("test");
+  auto fecBody = [](U8 present, U32 vias) {
+    Mosk::LogWriter w;
+    w.u32(0);
+    w.u8(1);
+    w.u32(1);
+    w.u64(Fib::FecId::fecIdForAdjType(15, 4).value());
+    w.u8(present);
+    w.u32(vias);
+    return w.take();
+  };
+  std::vector<U8> good = fecBody(1, 0);
+  m.apply(Channel::srteFwdStatus, FrameKind::snapshot, good.data(), good.size());
+  EXPECT_EQ(m.srteFwdStatus()->fecCount(), 1u);
+  // Claims a via that is not there.
+  std::vector<U8> truncated = fecBody(1, 1);
+  EXPECT_THROW(
+      m.apply(Channel::srteFwdStatus, FrameKind::snapshot, truncated.data(), truncated.size()),
+      Mosk::LogFormatException);
+  EXPECT_EQ(m.srteFwdStatus()->fecCount(), 1u);
+  // A delta numbered out of order.
+  Mosk::LogWriter w;
+  w.u32(5);
+  w.u8(0);
+  w.u32(0);
+  std::vector<U8> skipped = w.take();
+  EXPECT_THROW(m.apply(Channel::srteFwdStatus, FrameKind::delta, skipped.data(), skipped.size()),
+               Mosk::LogFormatException);
+
+  std::vector<U8> header = frame(FrameKind::delta, Channel::segmentLists, {});
+  header[4] = 0x54;
+  EXPECT_THROW(readFrameHeader(header.data()), Mosk::LogFormatException);
+  header = frame(FrameKind::delta, Channel::segmentLists, {});
+  header[7] = kChannels;
+  EXPECT_THROW(readFrameHeader(header.data()), Mosk::LogFormatException);
+}
+
+}  // namespace
