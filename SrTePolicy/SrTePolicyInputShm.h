@@ -44,6 +44,9 @@ class PolicyInputShmReader : public Mosk::PtrInterface, private Skerry::ShmTable
   Skerry::ShmPollResult poll(U32 maxKeys = 4096);
 
   bool corrupt() const { return table_->corrupt(); }
+  // True once the table has been removed from the system: its source has gone away, and a table
+  // made anew under the name needs a new reader.
+  bool removed() const { return table_->removed(); }
   // Why the table was found damaged.
   std::string const& corruption() const { return table_->corruption(); }
   // Attaches to the table afresh (after damage, or after the table was made anew), clears the

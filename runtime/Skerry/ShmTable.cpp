@@ -168,6 +168,12 @@ void ShmSegment::close() noexcept {
   size_ = 0;
 }
 
+bool ShmSegment::removed() const {
+  struct stat st {};
+  // A name removed with shm_unlink leaves the open object without links.
+  return fd_ >= 0 && ::fstat(fd_, &st) == 0 && st.st_nlink == 0;
+}
+
 void ShmSegment::initialise(ShmGeometry const& g, U32 hashCheck) {
   ShmHeader& h = header();
   h.version = shmVersion;

@@ -161,6 +161,9 @@ class ShmSegment {
   U64 size() const { return size_; }
   ShmHeader const& header() const { return *reinterpret_cast<ShmHeader const*>(base_); }
   ShmHeader& header() { return *reinterpret_cast<ShmHeader*>(base_); }
+  // True once the segment's name has been removed from the system (it lives on for those that
+  // have it open, but nobody writes it any more). One system call.
+  bool removed() const;
 
   // Writes a fresh header for `geometry` (the writer, on a new segment); the magic goes last.
   void initialise(ShmGeometry const& geometry, U32 hashCheck);
@@ -584,6 +587,10 @@ class ShmTableReader final : public TableMount<Key, Record> {
   std::string const& corruption() const { return corruption_; }
   // Told when the reader turns corrupt; null for nobody. Not owned.
   void listenerIs(ShmTableListener* listener) { listener_ = listener; }
+
+  // True once the table has been removed from the system (shmTableRemove): the view stays
+  // readable, but its writer is gone and a table made anew under the name is another segment.
+  bool removed() const { return segment_.removed(); }
 
   // The counter the writer keeps with its table.
   U32 counter() const { return detail::loadAcquire(slots_.header()->counter); }

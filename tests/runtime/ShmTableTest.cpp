@@ -333,4 +333,19 @@ TEST_F(ShmTableTest, DamageIsRefusedOrReported) {
   EXPECT_FALSE(r.poll([](U32) {}).changed);
 }
 
+// Faults: a removed table that still looks present to its reader (a source gone for good would
+// keep its candidate paths); a table made anew under the name mistaken for the old one.
+TEST_F(ShmTableTest, ReaderSeesItsTableRemoved) {
+  Writer(name).put(rec(1, 0));
+  Reader r(name);
+  EXPECT_FALSE(r.removed());
+  ASSERT_TRUE(shmTableRemove(name));
+  EXPECT_TRUE(r.removed());
+  Rec out;
+  EXPECT_TRUE(r.copyOut(1, out)) << "the view stays readable";
+  Writer(name).put(rec(2, 0));
+  EXPECT_TRUE(r.removed()) << "the new table is another segment";
+  EXPECT_FALSE(Reader(name).removed());
+}
+
 }  // namespace

@@ -199,4 +199,20 @@ TEST_F(SrteSource, LoadTakesBackListJsonAndReplaces) {
       60u);
 }
 
+// Faults: destroy leaving the table behind, or claiming success for a table that is not there;
+// a reader that has the table open not told.
+TEST_F(SrteSource, DestroyRemovesTheTable) {
+  ASSERT_EQ(run(bgp({"add", "--endpoint", "10.0.0.1", "--color", "5"})).status, 0);
+  PolicyInputShmTable reader(name);
+  Outcome r = run({"destroy"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out, "removed table " + name + "\n");
+  EXPECT_FALSE(Skerry::shmTableExists(name));
+  EXPECT_TRUE(reader.removed());
+  r = run({"destroy"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err, "srte-source: no table '" + name + "'\n");
+  EXPECT_EQ(run({"destroy", "--json"}).status, 2);
+}
+
 }  // namespace

@@ -25,12 +25,13 @@ using Json = nlohmann::json;
 namespace {
 
 char const* const usage =
-    R"(usage: srte-source --table NAME [--source SOURCE] [--capacity N] COMMAND [OPTIONS]
+    R"(usage: srte-source [--table NAME] [--source SOURCE] [--capacity N] COMMAND [OPTIONS]
 
 Writes the candidate paths of one source into its input table in shared memory
-(/dev/shm/NAME), or lists the table.
+(/dev/shm/NAME), lists the table or removes it.
 
-  --table NAME      the table: letters, digits, '.', '_' or '-'
+  --table NAME      the table: letters, digits, '.', '_' or '-' (default srte-SOURCE, the
+                    name srte-agent reads by default)
   --source SOURCE   static, bgp, pcep or other (every command but list)
   --capacity N      the most candidate paths a new table holds (default 16384)
 
@@ -46,6 +47,8 @@ Commands:
   load    FILE.json [--replace]
           adds or changes every candidate path of the file; with --replace, deletes the
           source's other candidate paths
+  destroy removes the table from the system, as a source that goes away does; a reader
+          that has it open sees it removed
   --help  this text
 
 An id is the source's own index (0 to 1073741823); the policy id is the source in the top two
@@ -632,6 +635,14 @@ int runList(Args const& a, std::string const& table) {
   return 0;
 }
 
+int runDestroy(Args const& a, std::string const& table) {
+  noOperands(a);
+  if (!a.options.empty()) badInput("destroy: unknown option '" + a.options[0].first + "'");
+  if (!Skerry::shmTableRemove(table)) refused("no table '" + table + "'");
+  std::cout << "removed table " << table << "\n";
+  return 0;
+}
+
 int run(int argc, char** argv) {
   if (argc == 1) {
     std::cerr << usage;
@@ -644,18 +655,23 @@ int run(int argc, char** argv) {
       return 0;
     }
   }
-  if (!a.table) badInput("--table is required");
+  if (!a.table && a.source) a.table = "srte-" + *a.source;
+  if (!a.table) badInput("--table is required (or --source, for the table srte-SOURCE)");
   try {
     (void)Skerry::shmTablePath(*a.table);  // refuses a bad name before anything else
   } catch (Mosk::RangeException const& e) {
     badInput(std::string("--table: ") + e.what());
   }
-  if (a.command.empty()) badInput("a command is required (add, change, delete, list or load)");
-  static std::set<std::string> const commands = {"add", "change", "delete", "list", "load"};
+  if (a.command.empty()) {
+    badInput("a command is required (add, change, delete, list, load or destroy)");
+  }
+  static std::set<std::string> const commands = {"add",  "change", "delete",
+                                                 "list", "load",   "destroy"};
   if (!commands.count(a.command)) {
-    badInput("unknown command '" + a.command + "' (add, change, delete, list or load)");
+    badInput("unknown command '" + a.command + "' (add, change, delete, list, load or destroy)");
   }
   if (a.command == "list") return runList(a, *a.table);
+  if (a.command == "destroy") return runDestroy(a, *a.table);
   if (!a.source) badInput(a.command + ": --source is required");
   PolicySource source = sourceOf(*a.source);
   U32 capacity = a.capacity.value_or(defaultCapacity);

@@ -1,0 +1,401 @@
+// srte-agent: the published-state feed on an in-process host (which lines a change of the
+// outputs makes), the command line, and the daemon run as a process beside srte-source, which
+// creates, fills and removes a table while the daemon watches.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <map>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "DaemonOptions.h"
+#include "PublishedFeed.h"
+#include "ScenarioPlatform.h"
+#include "ScenarioReader.h"
+#include "Skerry/ShmTable.h"
+#include "SrTePolicy/SrTePolicyInputShm.h"
+
+using namespace SrTePolicy;
+using SrTeDaemon::OrderedJson;
+
+namespace {
+
+// Two labels with next hops: 16002 and 16003.
+char const* const platformJson = R"({"platform": {
+  "adjacencies": [
+    {"index": 1, "vias": [{"interface": "Ethernet1", "nextHop": "10.0.12.2", "label": 16002}]},
+    {"index": 2, "vias": [{"interface": "Ethernet2", "nextHop": "10.0.13.3", "label": 16003}]}],
+  "routes": [{"label": 16002, "source": 1, "adjacency": 1},
+             {"label": 16003, "source": 1, "adjacency": 2}]}})";
+
+std::vector<OrderedJson> linesOf(std::string const& text) {
+  std::vector<OrderedJson> out;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);)
+    out.push_back(OrderedJson::parse(line));
+  return out;
+}
+
+// "policy added 192.0.2.1" and the like: what a line says, without the numbers the pipeline
+// allocates.
+std::string gist(OrderedJson const& l) {
+  std::string s = l["event"].get<std::string>() + " " + l["change"].get<std::string>();
+  if (l.contains("endpoint")) s += " " + l["endpoint"].get<std::string>();
+  if (l.contains("label")) s += " " + std::to_string(l["label"].get<U32>());
+  if (l.contains("vias")) s += " vias " + std::to_string(l["vias"].size());
+  return s;
+}
+
+class Feed : public ::testing::Test {
+ protected:
+  Feed() {
+    SrTeScenario::Scenario s = SrTeScenario::readScenarioText(platformJson, "platform");
+    SrTeScenario::PlatformLoader(agent.mplsStatus(), agent.forwardingStatus(),
+                                 agent.forwarding6Status(), s.ceiling)
+        .apply(s.platform);
+  }
+  void write(U32 index, char const* endpoint, U32 bsid, std::vector<Ludd::MplsLabelOperation> l) {
+    PolicyInputEntry e(PolicyId::make(PolicySource::sourceBgp, index));
+    e.endpointIs(Ludd::IpGenAddr::parse(endpoint));
+    e.colorIs(Color(5));
+    e.bindingSidIs(Ludd::MplsLabel(bsid));
+    U32 w = 1;
+    for (auto const& stack : l)
+      e.segmentListPush(WeightedSegList(Weight(w++), stack));
+    agent.sourceTableIs(PolicySource::sourceBgp)->policyInputEntryIs(e);
+  }
+  // Lets the pipeline settle, flushes and returns the gist of the new lines, sorted (within
+  // one flush the lines follow the order of the pipeline's writes).
+  std::vector<std::string> settle() {
+    agent.advanceUntilIdle();
+    out.str("");
+    feed.flush();
+    last.clear();
+    std::vector<std::string> g;
+    for (auto const& l : linesOf(out.str())) {
+      g.push_back(gist(l));
+      last[g.back()] = l;
+    }
+    std::sort(g.begin(), g.end());
+    return g;
+  }
+
+  SrTePolicyAgent agent{Vell::manualClockFactory(10)};
+  std::ostringstream out;
+  SrTeDaemon::EventLog log{out, agent.clock()};
+  int flushCalls = 0;
+  SrTeDaemon::PublishedFeed feed{agent, log, [this] { ++flushCalls; }};
+  std::map<std::string, OrderedJson> last;  // by gist
+};
+
+// Faults: a line per intermediate step of one publication; a line for an output that did not
+// change; a removal without a line, or one that does not say what went; a FEC without the
+// weights of its policy.
+TEST_F(Feed, OneLinePerChangedOutputWithTheSettledState) {
+  write(1, "192.0.2.1", 900001, {{16002, 16009}, {16003}});
+  EXPECT_EQ(settle(), (std::vector<std::string>{"bsid-route added 900001", "fec added vias 2",
+                                                "policy added 192.0.2.1"}));
+  EXPECT_EQ(flushCalls, 1) << "one flush asked for the whole chain";
+  OrderedJson policy = last["policy added 192.0.2.1"], fec = last["fec added vias 2"],
+              route = last["bsid-route added 900001"];
+  EXPECT_NEAR(policy["t"].get<double>(), 10.05, 1e-6) << "published after the 50 ms window";
+  EXPECT_EQ(policy["candidate"], "bgp/1");
+  EXPECT_EQ(policy["bindingSid"], 900001);
+  EXPECT_EQ(policy["fec"], fec["fec"]);
+  EXPECT_EQ(route["fec"], fec["fec"]);
+  EXPECT_EQ(fec["vias"][0]["weight"], 1);
+  EXPECT_EQ(fec["vias"][1]["weight"], 2);
+  EXPECT_EQ(fec["vias"], policy["tunnels"]);
+
+  // A new binding SID: the policy changes, its route moves; the FEC stays as it was.
+  write(1, "192.0.2.1", 900002, {{16002, 16009}, {16003}});
+  EXPECT_EQ(settle(),
+            (std::vector<std::string>{"bsid-route added 900002", "bsid-route removed 900001",
+                                      "policy changed 192.0.2.1"}));
+  EXPECT_EQ(last["bsid-route removed 900001"]["fec"], fec["fec"]) << "a removal names what went";
+
+  // Unchanged input: nothing.
+  write(1, "192.0.2.1", 900002, {{16002, 16009}, {16003}});
+  EXPECT_EQ(settle(), std::vector<std::string>{});
+
+  agent.sourceTable(PolicySource::sourceBgp)
+      ->policyInputEntryDel(PolicyId::make(PolicySource::sourceBgp, 1));
+  EXPECT_EQ(settle(), (std::vector<std::string>{"bsid-route removed 900002", "fec removed vias 2",
+                                                "policy removed 192.0.2.1"}));
+  EXPECT_TRUE(feed.written().empty());
+}
+
+// Faults: a lost change between a flush and the next; lines for what the host tears down after
+// the feed was detached.
+TEST_F(Feed, ChangesAfterAFlushAskForAnotherAndDetachStopsTheLines) {
+  write(1, "192.0.2.1", 900001, {{16003}});
+  settle();
+  write(2, "192.0.2.2", 900002, {{16002}});
+  EXPECT_EQ(settle().size(), 3u);
+  EXPECT_EQ(flushCalls, 2);
+  feed.detach();
+  agent.sourceTableDel(PolicySource::sourceBgp);
+  EXPECT_EQ(settle(), std::vector<std::string>{});
+}
+
+// Faults: bad usage accepted, or refused without naming the argument; defaults that do not
+// match the tables srte-source writes.
+TEST(DaemonOptions, DefaultsAndRefusals) {
+  using SrTeDaemon::parseDaemonOptions;
+  SrTeDaemon::DaemonOptions o = parseDaemonOptions({});
+  ASSERT_EQ(o.sources.size(), 3u);
+  EXPECT_EQ(o.sources[0].table, "srte-bgp");
+  EXPECT_EQ(o.sources[2].table, "srte-other");
+  o = parseDaemonOptions({"--source", "pcep=t1", "--poll-ms=3", "--platform", "p.json"});
+  ASSERT_EQ(o.sources.size(), 1u);
+  EXPECT_EQ(o.sources[0].source, PolicySource::sourcePcep);
+  EXPECT_EQ(o.pollMs, 3u);
+  auto refusal = [](std::vector<std::string> args) {
+    try {
+      parseDaemonOptions(args);
+    } catch (SrTeDaemon::UsageError const& e) {
+      return std::string(e.what());
+    }
+    return std::string("accepted");
+  };
+  EXPECT_EQ(refusal({"--source", "static=t"}),
+            "--source: 'static' is not a source that writes a table (bgp, pcep or other; the "
+            "static source is the agent's own configuration)");
+  EXPECT_EQ(refusal({"--source", "bgp"}),
+            "--source: 'bgp' is not NAME=TABLE (for example bgp=srte-bgp)");
+  EXPECT_EQ(refusal({"--source", "bgp=a", "--source", "pcep=a"}),
+            "--source: table 'a' given for both bgp and pcep (one writer per table)");
+  EXPECT_EQ(refusal({"--source", "bgp=a/b"}).rfind("--source bgp: table name 'a/b'", 0), 0u);
+  EXPECT_EQ(refusal({"--poll-ms", "0"}), "--poll-ms: '0' is not a number from 1 to 10000");
+  EXPECT_EQ(refusal({"--trace"}), "--trace needs a value");
+  EXPECT_EQ(refusal({"--frobnicate"}), "unknown option '--frobnicate'");
+}
+
+// --- The daemon as a process ---------------------------------------------------------------
+
+using Clock = std::chrono::steady_clock;
+
+// srte-agent run as a child with its standard output on a pipe that the test reads line by
+// line, each wait bounded.
+class AgentProcess {
+ public:
+  explicit AgentProcess(std::vector<std::string> args) {
+    int fds[2];
+    if (::pipe(fds) != 0) throw std::runtime_error("pipe");
+    pid_ = ::fork();
+    if (pid_ == 0) {
+      ::dup2(fds[1], 1);
+      ::close(fds[0]);
+      ::close(fds[1]);
+      std::vector<char*> argv{const_cast<char*>(SRTE_AGENT)};
+      for (std::string& a : args)
+        argv.push_back(a.data());
+      argv.push_back(nullptr);
+      ::execv(SRTE_AGENT, argv.data());
+      ::_exit(127);
+    }
+    ::close(fds[1]);
+    fd_ = fds[0];
+  }
+  ~AgentProcess() {
+    if (pid_ > 0 && !reaped_) {
+      ::kill(pid_, SIGKILL);
+      ::waitpid(pid_, nullptr, 0);
+    }
+    ::close(fd_);
+  }
+
+  // The next line, or null at the end of the output or after `timeout`.
+  OrderedJson next(std::chrono::milliseconds timeout = std::chrono::milliseconds(5000)) {
+    auto const deadline = Clock::now() + timeout;
+    for (;;) {
+      if (std::size_t nl = buffer_.find('\n'); nl != std::string::npos) {
+        std::string line = buffer_.substr(0, nl);
+        buffer_.erase(0, nl + 1);
+        lines_.push_back(OrderedJson::parse(line));
+        return lines_.back();
+      }
+      auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+      if (left.count() <= 0) return nullptr;
+      pollfd p{fd_, POLLIN, 0};
+      if (::poll(&p, 1, static_cast<int>(left.count())) <= 0) continue;
+      char chunk[4096];
+      ssize_t n = ::read(fd_, chunk, sizeof chunk);
+      if (n <= 0) return nullptr;
+      buffer_.append(chunk, static_cast<std::size_t>(n));
+    }
+  }
+  // Reads lines until one with event `event`; the lines on the way are returned too.
+  std::vector<OrderedJson> until(std::string const& event) {
+    std::vector<OrderedJson> seen;
+    for (OrderedJson l = next(); !l.is_null(); l = next()) {
+      seen.push_back(l);
+      if (l["event"] == event) return seen;
+    }
+    ADD_FAILURE() << "no \"" << event << "\" line in time";
+    return seen;
+  }
+  // Reads lines until `count` lines of published state have come.
+  std::vector<OrderedJson> published(std::size_t count) {
+    std::vector<OrderedJson> out;
+    while (out.size() < count) {
+      OrderedJson l = next();
+      if (l.is_null()) {
+        ADD_FAILURE() << "only " << out.size() << " of " << count << " lines in time";
+        break;
+      }
+      if (l.contains("change")) out.push_back(l);
+    }
+    return out;
+  }
+  int terminate() {
+    ::kill(pid_, SIGTERM);
+    int status = 0;
+    ::waitpid(pid_, &status, 0);
+    reaped_ = true;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  }
+
+ private:
+  pid_t pid_ = -1;
+  int fd_ = -1;
+  bool reaped_ = false;
+  std::string buffer_;
+  std::vector<OrderedJson> lines_;
+};
+
+int runSource(std::vector<std::string> args) {
+  pid_t pid = ::fork();
+  if (pid == 0) {
+    std::vector<char*> argv{const_cast<char*>(SRTE_SOURCE)};
+    for (std::string& a : args)
+      argv.push_back(a.data());
+    argv.push_back(nullptr);
+    int null = ::open("/dev/null", O_WRONLY);
+    ::dup2(null, 1);
+    ::execv(SRTE_SOURCE, argv.data());
+    ::_exit(127);
+  }
+  int status = 0;
+  ::waitpid(pid, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+std::vector<std::string> gists(std::vector<OrderedJson> const& lines) {
+  std::vector<std::string> out;
+  for (auto const& l : lines)
+    out.push_back(gist(l));
+  std::sort(out.begin(), out.end());
+  return out;
+}
+
+// Faults: a table that appears after the start never attached; lines missing, doubled or left
+// over; removing the table leaving its policies published; a signal that kills the daemon
+// instead of stopping it, or an exit status other than 0.
+TEST(AgentProcess, ATableAppearingAndVanishingAddsThenRemovesExactlyItsPolicies) {
+  std::string const table = "srte-test-" + std::to_string(::getpid()) + "-agent";
+  Skerry::shmTableRemove(table);
+  AgentProcess agent({"--platform", SRTE_EXAMPLES "/01-two-sources.json", "--source",
+                      "bgp=" + table, "--poll-ms", "5"});
+  std::vector<OrderedJson> start = agent.until("started");
+  ASSERT_FALSE(start.empty());
+  EXPECT_EQ(start.back()["sources"][0]["table"], table);
+
+  std::vector<std::string> const bgp = {"--table", table, "--source", "bgp"};
+  auto with = [&bgp](std::vector<std::string> args) {
+    args.insert(args.begin(), bgp.begin(), bgp.end());
+    return args;
+  };
+  ASSERT_EQ(runSource(with({"add", "--endpoint", "192.0.2.1", "--color", "100", "--binding-sid",
+                            "900001", "--segment-list", "16002,16009"})),
+            0);
+  ASSERT_EQ(runSource(with({"add", "--endpoint", "192.0.2.2", "--color", "100", "--binding-sid",
+                            "900002", "--segment-list", "16003", "--segment-list", "3:16002"})),
+            0);
+  std::vector<OrderedJson> added = agent.published(6);
+  EXPECT_EQ(gists(added),
+            (std::vector<std::string>{"bsid-route added 900001", "bsid-route added 900002",
+                                      "fec added vias 1", "fec added vias 2",
+                                      "policy added 192.0.2.1", "policy added 192.0.2.2"}));
+
+  ASSERT_EQ(runSource({"--table", table, "destroy"}), 0);
+  std::vector<OrderedJson> detached = agent.until("source-detached");
+  ASSERT_FALSE(detached.empty());
+  EXPECT_EQ(detached.back()["reason"], "the table was removed");
+  std::vector<OrderedJson> removed = agent.published(6);
+  EXPECT_EQ(gists(removed),
+            (std::vector<std::string>{"bsid-route removed 900001", "bsid-route removed 900002",
+                                      "fec removed vias 1", "fec removed vias 2",
+                                      "policy removed 192.0.2.1", "policy removed 192.0.2.2"}));
+
+  // The table made anew is picked up again.
+  ASSERT_EQ(runSource(with(
+                {"add", "--endpoint", "192.0.2.3", "--color", "100", "--segment-list", "16003"})),
+            0);
+  EXPECT_EQ(gists(agent.published(2)),
+            (std::vector<std::string>{"fec added vias 1", "policy added 192.0.2.3"}));
+
+  EXPECT_EQ(agent.terminate(), 0);
+  std::vector<OrderedJson> tail = agent.until("stopped");
+  ASSERT_GE(tail.size(), 2u);
+  EXPECT_EQ(tail[tail.size() - 2]["event"], "stopping");
+  EXPECT_EQ(tail[tail.size() - 2]["reason"], "SIGTERM");
+  EXPECT_TRUE(agent.next(std::chrono::milliseconds(1000)).is_null()) << "a line after stopped";
+  Skerry::shmTableRemove(table);
+}
+
+// Faults: the daemon dying, or reporting damage, when a source is killed in the middle of its
+// writes; the state after the next writer's repair not reaching the output.
+TEST(AgentProcess, ASourceKilledWhileWritingLeavesTheDaemonRunningAndConsistent) {
+  std::string const table = "srte-test-" + std::to_string(::getpid()) + "-crash";
+  Skerry::shmTableRemove(table);
+  AgentProcess agent({"--platform", SRTE_EXAMPLES "/01-two-sources.json", "--source",
+                      "bgp=" + table, "--poll-ms", "2"});
+  agent.until("started");
+  pid_t writer = ::fork();
+  if (writer == 0) {
+    // Rewrites one candidate path as fast as it can until it is killed.
+    try {
+      PolicyInputShmWriter w(table);
+      PolicyInputEntry e(PolicyId::make(PolicySource::sourceBgp, 1));
+      e.endpointIs(Ludd::IpGenAddr::parse("192.0.2.1"));
+      e.colorIs(Color(100));
+      e.segmentListPush(WeightedSegList(Weight(1), Ludd::MplsLabelOperation{16002}));
+      for (U32 i = 0;; ++i) {
+        e.bindingSidIs(Ludd::MplsLabel(900000 + i % 1000));
+        w.put(e);
+      }
+    } catch (...) {
+    }
+    ::_exit(1);
+  }
+  OrderedJson l;
+  do {
+    l = agent.next();
+  } while (!l.is_null() && l["event"] != "policy");
+  ASSERT_FALSE(l.is_null()) << "the writer's candidate path never came through";
+  ::kill(writer, SIGKILL);
+  ::waitpid(writer, nullptr, 0);
+
+  ASSERT_EQ(runSource({"--table", table, "--source", "bgp", "change", "--id", "1", "--binding-sid",
+                       "800001"}),
+            0);
+  for (l = agent.next(); !l.is_null(); l = agent.next()) {
+    EXPECT_NE(l["event"], "error") << l.dump();
+    EXPECT_NE(l["event"], "source-corrupt") << l.dump();
+    if (l["event"] == "policy" && l["bindingSid"] == 800001) break;
+  }
+  ASSERT_FALSE(l.is_null()) << "the repaired table's change never came through";
+  EXPECT_EQ(l["change"], "changed");
+  EXPECT_EQ(agent.terminate(), 0);
+  Skerry::shmTableRemove(table);
+}
+
+}  // namespace

@@ -1,0 +1,162 @@
+// Building, running and stopping srte-agent's daemon.
+#include "AgentDaemon.h"
+
+#include <unistd.h>
+#include <boost/asio/post.hpp>
+#include <chrono>
+
+#include <csignal>
+
+#include "Flicker/Flicker.h"
+#include "ScenarioReader.h"
+
+namespace SrTeDaemon {
+
+AgentDaemon::AgentDaemon(boost::asio::io_context& io, DaemonOptions options, std::ostream& out)
+    : io_(io),
+      options_(std::move(options)),
+      pollTimer_(io),
+      signals_(io),
+      alive_(std::make_shared<Alive>(Alive{this})) {
+  if (options_.traceLevel >= 0) {
+    Flicker::traceEnabledLevelsIs("*", (1u << (options_.traceLevel + 1)) - 1);
+  }
+  agent_ = std::make_unique<SrTePolicy::SrTePolicyAgent>(Vell::monotonicClockFactory());
+  agent_->yieldPolicyIs(Vell::YieldPolicy::timeSlice(options_.sliceUs / 1e6));
+  log_ = std::make_unique<EventLog>(out, agent_->clock());
+  loadPlatform();
+}
+
+AgentDaemon::~AgentDaemon() {
+  alive_->daemon = nullptr;
+  if (agent_) {
+    // Torn down without the lines: the owner chose not to stop().
+    feed_.reset();
+    driver_.reset();
+    agent_.reset();
+  }
+}
+
+void AgentDaemon::loadPlatform() {
+  if (!options_.platform) return;
+  SrTeScenario::Scenario scenario;
+  try {
+    scenario = SrTeScenario::readScenarioFile(*options_.platform);
+  } catch (SrTeScenario::ScenarioError const& e) {
+    throw PlatformError(e.what(), 2);
+  }
+  platform_ = std::make_unique<SrTeScenario::PlatformLoader>(
+      agent_->mplsStatus(), agent_->forwardingStatus(), agent_->forwarding6Status(),
+      scenario.ceiling);
+  try {
+    platform_->apply(scenario.platform);
+  } catch (Mosk::Exception const& e) {
+    throw PlatformError(*options_.platform + ": the platform was refused: " + e.what(), 1);
+  }
+}
+
+void AgentDaemon::start() {
+  OrderedJson f;
+  f["pid"] = static_cast<S64>(::getpid());
+  f["platform"] = options_.platform ? OrderedJson(*options_.platform) : OrderedJson(nullptr);
+  OrderedJson sources = OrderedJson::array();
+  for (SourceSpec const& s : options_.sources) {
+    sources.push_back({{"source", SrTeScenario::sourceName(s.source)}, {"table", s.table}});
+  }
+  f["sources"] = std::move(sources);
+  f["pollMs"] = options_.pollMs;
+  f["sliceUs"] = options_.sliceUs;
+
+  driver_ = std::make_unique<Vell::AsioDriver>(io_, agent_->scheduler());
+  feed_ = std::make_unique<PublishedFeed>(*agent_, *log_, [this] { flushSoon(); });
+  for (SourceSpec const& s : options_.sources)
+    sources_.push_back(std::make_unique<SourceWatcher>(*agent_, *log_, s));
+
+  signals_.add(SIGINT);
+  signals_.add(SIGTERM);
+  signals_.async_wait([alive = alive_](boost::system::error_code const& ec, int signal) {
+    if (ec || !alive->daemon) return;
+    alive->daemon->stop(signal == SIGINT ? "SIGINT" : "SIGTERM");
+  });
+  // The first look for the tables happens at once, after this line.
+  log_->write("started", f);
+  armPoll(true);
+}
+
+void AgentDaemon::armPoll(bool soon) {
+  if (soon) {
+    if (pollSoon_) return;
+    pollSoon_ = true;
+    boost::asio::post(io_, [alive = alive_] {
+      if (!alive->daemon) return;
+      alive->daemon->pollSoon_ = false;
+      alive->daemon->pollSources();
+    });
+    return;
+  }
+  pollTimer_.expires_after(std::chrono::milliseconds(options_.pollMs));
+  pollTimer_.async_wait([alive = alive_](boost::system::error_code const& ec) {
+    if (ec || !alive->daemon) return;
+    alive->daemon->pollSources();
+  });
+}
+
+void AgentDaemon::pollSources() {
+  if (!agent_) return;
+  bool more = false;
+  for (auto& source : sources_)
+    more = source->poll() || more;
+  // The timer keeps its period; changes left over are taken up again as soon as the loop has
+  // let its other handlers (the scheduler's tasks, the feed) run.
+  if (more) armPoll(true);
+  if (pollTimer_.expiry() <= std::chrono::steady_clock::now()) armPoll(false);
+}
+
+void AgentDaemon::flushSoon() {
+  if (flushQueued_) return;
+  flushQueued_ = true;
+  boost::asio::post(io_, [alive = alive_] {
+    if (!alive->daemon || !alive->daemon->feed_) return;
+    alive->daemon->flushQueued_ = false;
+    alive->daemon->feed_->flush();
+  });
+}
+
+int AgentDaemon::run() {
+  for (;;) {
+    try {
+      io_.run();
+      return 0;
+    } catch (Mosk::Exception const& e) {
+      OrderedJson f;
+      f["error"] = e.what();
+      log_->write("error", f);
+      // A task that raised left the scheduler's timer unarmed: arm it for what is still due.
+      if (driver_) driver_->onEarliestDueTime();
+    }
+  }
+}
+
+void AgentDaemon::stop(std::string const& why) {
+  if (!agent_) return;
+  OrderedJson f;
+  f["reason"] = why;
+  log_->write("stopping", f);
+  pollTimer_.cancel();
+  signals_.cancel();
+  // What teardown wipes is not a change of what the router forwards: no lines for it.
+  if (feed_) {
+    feed_->flush();
+    feed_->detach();
+  }
+  feed_.reset();
+  driver_.reset();
+  // The host tears its machines down in reverse build order; then the tables are let go.
+  agent_.reset();
+  sources_.clear();
+  platform_.reset();
+  log_->write("stopped");
+  io_.stop();
+}
+
+}  // namespace SrTeDaemon

@@ -1,0 +1,91 @@
+// srte-agent's daemon: the host (SrTePolicyAgent) on a Boost.Asio event loop with the machine's
+// steady clock, a time-slice yield policy and the scheduler driven by Vell::AsioDriver; the
+// platform state loaded from a scenario file; a SourceWatcher per configured source on one poll
+// timer; the published-state feed writing its lines after every chain of changes; and SIGINT
+// and SIGTERM handled by stopping in order.
+//
+// main() owns the io_context and one AgentDaemon; other servers of the process (a socket that
+// serves the host's entities, say) take the same io_context and reach the host through agent().
+// Everything runs on the thread that runs the io_context.
+#pragma once
+
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/signal_set.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <memory>
+#include <ostream>
+#include <vector>
+
+#include "DaemonOptions.h"
+#include "EventLog.h"
+#include "PublishedFeed.h"
+#include "ScenarioPlatform.h"
+#include "SourceWatcher.h"
+#include "SrTePolicyAgent.h"
+#include "Vell/AsioDriver.h"
+
+namespace SrTeDaemon {
+
+// The platform file could not be used; `status` is the exit status it calls for (2 for a file
+// that is not valid, 1 for a platform the library refused).
+class PlatformError : public std::runtime_error {
+ public:
+  PlatformError(std::string const& message, int status)
+      : std::runtime_error(message), status_(status) {}
+  int status() const { return status_; }
+
+ private:
+  int status_;
+};
+
+class AgentDaemon {
+ public:
+  // Builds the host and loads the platform (raises PlatformError); nothing runs before start().
+  AgentDaemon(boost::asio::io_context& io, DaemonOptions options, std::ostream& out);
+  AgentDaemon(AgentDaemon const&) = delete;
+  AgentDaemon& operator=(AgentDaemon const&) = delete;
+  ~AgentDaemon();
+
+  // Writes the "started" line, starts watching the sources and the signals.
+  void start();
+  // Runs the event loop until stop(); an error that escapes a handler of the pipeline is
+  // written as an "error" line and the loop goes on. Returns the exit status (0).
+  int run();
+  // Stops polling, detaches the feed, tears the host down in reverse build order and writes
+  // the "stopped" line; the loop then runs out. `why` goes into the "stopping" line.
+  void stop(std::string const& why);
+  bool stopped() const { return !agent_; }
+
+  boost::asio::io_context& io() { return io_; }
+  // The host; null once stopped.
+  SrTePolicy::SrTePolicyAgent* agent() { return agent_.get(); }
+  EventLog& log() { return *log_; }
+  std::vector<std::unique_ptr<SourceWatcher>> const& sources() const { return sources_; }
+
+ private:
+  void loadPlatform();
+  void armPoll(bool soon);
+  void pollSources();
+  void flushSoon();
+
+  // Shared with the handlers queued on the loop, which may outlive what they would call.
+  struct Alive {
+    AgentDaemon* daemon;
+  };
+
+  boost::asio::io_context& io_;
+  DaemonOptions const options_;
+  std::unique_ptr<SrTePolicy::SrTePolicyAgent> agent_;
+  std::unique_ptr<EventLog> log_;
+  std::unique_ptr<SrTeScenario::PlatformLoader> platform_;
+  std::unique_ptr<Vell::AsioDriver> driver_;
+  std::unique_ptr<PublishedFeed> feed_;
+  std::vector<std::unique_ptr<SourceWatcher>> sources_;
+  boost::asio::steady_timer pollTimer_;
+  boost::asio::signal_set signals_;
+  std::shared_ptr<Alive> alive_;
+  bool flushQueued_ = false;
+  bool pollSoon_ = false;
+};
+
+}  // namespace SrTeDaemon

@@ -1,0 +1,144 @@
+// Reading srte-agent's command line.
+#include "DaemonOptions.h"
+
+#include <set>
+
+#include "Scenario.h"
+#include "Skerry/ShmTable.h"
+
+namespace SrTeDaemon {
+
+using SrTePolicy::PolicySource;
+
+char const* const daemonUsage =
+    R"(usage: srte-agent [--platform FILE] [--source NAME=TABLE ...] [--poll-ms N]
+                  [--slice-us N] [--trace LEVEL] [--help]
+
+Runs the SR-TE policy pipeline on an event loop: reads the candidate paths that sources write
+into their tables in shared memory (srte-source writes them), resolves them against the
+platform's LFIB and prints one JSON line per change of what it publishes (policy status, FECs,
+binding-SID routes) on standard output. See docs/agent.md for the lines.
+
+  --platform FILE   a scenario file (docs/simulator.md) whose "platform" section is loaded as
+                    the LFIB, adjacencies and FECs; its "sources", "config" and "steps" are
+                    ignored. Without it the platform is empty and nothing resolves.
+  --source NAME=TABLE
+                    read source NAME (bgp, pcep or other) from table TABLE (/dev/shm/TABLE);
+                    repeat for several sources. A table that does not exist yet is looked for
+                    every poll period. Default: bgp=srte-bgp, pcep=srte-pcep, other=srte-other
+                    (the tables srte-source writes by default).
+  --poll-ms N       how often tables are polled and missing ones looked for, 1 to 10000
+                    (default 10)
+  --slice-us N      how long a task runs before it yields to the event loop, 10 to 1000000
+                    microseconds (default 5000)
+  --trace LEVEL     the text trace of the pipeline up to LEVEL (0-9) on standard error
+  --help            this text
+
+SIGINT or SIGTERM stops it: the pipeline is torn down and the last line says "stopped".
+Exit status: 0 stopped by a signal, 1 the platform could not be loaded, 2 bad usage or a
+platform file that is not valid.
+)";
+
+namespace {
+
+U32 number(std::string const& option, std::string const& text, U32 min, U32 max) {
+  U64 v = 0;
+  bool ok = !text.empty() && text.size() <= 10;
+  for (char c : text) {
+    ok = ok && c >= '0' && c <= '9';
+    if (ok) v = v * 10 + static_cast<U64>(c - '0');
+  }
+  if (!ok || v < min || v > max) {
+    throw UsageError(option + ": '" + text + "' is not a number from " + std::to_string(min) +
+                     " to " + std::to_string(max));
+  }
+  return static_cast<U32>(v);
+}
+
+SourceSpec sourceSpec(std::string const& text) {
+  std::size_t const eq = text.find('=');
+  if (eq == std::string::npos) {
+    throw UsageError("--source: '" + text + "' is not NAME=TABLE (for example bgp=srte-bgp)");
+  }
+  std::string const name = text.substr(0, eq);
+  std::optional<PolicySource> source = SrTeScenario::sourceByName(name);
+  if (!source || *source == PolicySource::sourceStatic) {
+    throw UsageError("--source: '" + name +
+                     "' is not a source that writes a table (bgp, pcep or other; the static "
+                     "source is the agent's own configuration)");
+  }
+  SourceSpec spec{*source, text.substr(eq + 1)};
+  try {
+    (void)Skerry::shmTablePath(spec.table);
+  } catch (Mosk::RangeException const& e) {
+    throw UsageError("--source " + name + ": " + e.what());
+  }
+  return spec;
+}
+
+}  // namespace
+
+std::string defaultTable(PolicySource source) {
+  return std::string("srte-") + SrTeScenario::sourceName(source);
+}
+
+DaemonOptions parseDaemonOptions(std::vector<std::string> const& args) {
+  DaemonOptions o;
+  for (std::size_t i = 0; i < args.size(); ++i) {
+    std::string name = args[i], value;
+    bool hasValue = false;
+    if (std::size_t eq = name.find('='); name.rfind("--", 0) == 0 && eq != std::string::npos) {
+      value = name.substr(eq + 1);
+      name = name.substr(0, eq);
+      hasValue = true;
+    }
+    if (name == "--help" || name == "-h") {
+      o.help = true;
+      continue;
+    }
+    static std::set<std::string> const withValue = {"--platform", "--source", "--poll-ms",
+                                                    "--slice-us", "--trace"};
+    if (!withValue.count(name)) {
+      if (name.rfind("-", 0) == 0) throw UsageError("unknown option '" + name + "'");
+      throw UsageError("unexpected argument '" + name + "'");
+    }
+    if (!hasValue) {
+      if (i + 1 >= args.size()) throw UsageError(name + " needs a value");
+      value = args[++i];
+    }
+    if (name == "--platform") {
+      if (o.platform) throw UsageError("--platform given twice");
+      if (value.empty()) throw UsageError("--platform needs a file name");
+      o.platform = value;
+    } else if (name == "--source") {
+      SourceSpec spec = sourceSpec(value);
+      for (SourceSpec const& s : o.sources) {
+        if (s.source == spec.source) {
+          throw UsageError("--source: " + std::string(SrTeScenario::sourceName(spec.source)) +
+                           " given twice");
+        }
+        if (s.table == spec.table) {
+          throw UsageError("--source: table '" + spec.table + "' given for both " +
+                           SrTeScenario::sourceName(s.source) + " and " +
+                           SrTeScenario::sourceName(spec.source) + " (one writer per table)");
+        }
+      }
+      o.sources.push_back(std::move(spec));
+    } else if (name == "--poll-ms") {
+      o.pollMs = number(name, value, 1, 10000);
+    } else if (name == "--slice-us") {
+      o.sliceUs = number(name, value, 10, 1000000);
+    } else if (name == "--trace") {
+      o.traceLevel = static_cast<int>(number(name, value, 0, 9));
+    }
+  }
+  if (o.sources.empty()) {
+    for (PolicySource s :
+         {PolicySource::sourceBgp, PolicySource::sourcePcep, PolicySource::sourceOther}) {
+      o.sources.push_back({s, defaultTable(s)});
+    }
+  }
+  return o;
+}
+
+}  // namespace SrTeDaemon

@@ -1,0 +1,51 @@
+// One source's table as the daemon follows it. While the table is missing the watcher looks for
+// it every poll period; once it opens, it is attached to the host (the input state machine's
+// full pass adds its candidate paths) and its change feed is delivered on every poll. A table
+// that is removed from the system, or found damaged, is detached (the full pass removes exactly
+// that source's candidate paths) and the watcher goes back to looking for it, so a source that
+// restarts and makes its table anew is picked up again.
+//
+// A source that dies in the middle of a write does not disturb the watcher: the table keeps the
+// record as it was before that write, and the next writer repairs the slot.
+#pragma once
+
+#include <string>
+
+#include "DaemonOptions.h"
+#include "EventLog.h"
+#include "SrTePolicy/SrTePolicyInputShm.h"
+#include "SrTePolicyAgent.h"
+
+namespace SrTeDaemon {
+
+class SourceWatcher {
+ public:
+  SourceWatcher(SrTePolicy::SrTePolicyAgent& agent, EventLog& log, SourceSpec spec);
+  SourceWatcher(SourceWatcher const&) = delete;
+  SourceWatcher& operator=(SourceWatcher const&) = delete;
+
+  // One poll period's work: attach a table that has appeared; deliver the changes of an
+  // attached one (at most `maxKeys` per call); detach one that was removed or damaged. Returns
+  // true when changes remain, so that the caller polls again soon. An error that the pipeline
+  // raises for one candidate path is written as an "error" line and the rest goes on.
+  bool poll(U32 maxKeys = 4096);
+
+  bool attached() const { return static_cast<bool>(reader_); }
+  SourceSpec const& spec() const { return spec_; }
+  // The reader of the attached table; null while waiting.
+  Mosk::Ptr<SrTePolicy::PolicyInputShmReader> const& reader() const { return reader_; }
+
+ private:
+  void tryAttach();
+  void detach(std::string const& event, std::string const& reason);
+  OrderedJson fields() const;
+
+  SrTePolicy::SrTePolicyAgent& agent_;
+  EventLog& log_;
+  SourceSpec const spec_;
+  Mosk::Ptr<SrTePolicy::PolicyInputShmReader> reader_;
+  // Why the last attempt to attach failed, once written, so that it is written once.
+  std::string lastRefusal_;
+};
+
+}  // namespace SrTeDaemon

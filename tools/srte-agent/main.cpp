@@ -1,0 +1,31 @@
+// srte-agent: the reference daemon. Reads the sources' tables in shared memory, runs the SR-TE
+// policy pipeline on an event loop and prints one JSON line per change of what it publishes.
+// See docs/agent.md and `srte-agent --help`.
+#include <boost/asio/io_context.hpp>
+#include <iostream>
+
+#include "AgentDaemon.h"
+
+int main(int argc, char** argv) {
+  using namespace SrTeDaemon;
+  DaemonOptions options;
+  try {
+    options = parseDaemonOptions(std::vector<std::string>(argv + 1, argv + argc));
+  } catch (UsageError const& e) {
+    std::cerr << "srte-agent: " << e.what() << "\n(srte-agent --help explains the usage)\n";
+    return 2;
+  }
+  if (options.help) {
+    std::cout << daemonUsage;
+    return 0;
+  }
+  try {
+    boost::asio::io_context io;
+    AgentDaemon daemon(io, std::move(options), std::cout);
+    daemon.start();
+    return daemon.run();
+  } catch (PlatformError const& e) {
+    std::cerr << "srte-agent: " << e.what() << "\n";
+    return e.status();
+  }
+}
