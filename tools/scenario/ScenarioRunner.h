@@ -26,6 +26,13 @@
 
 namespace SrTeScenario {
 
+// Fills a new in-process table with `table`'s candidate paths and attaches it for its source
+// (replacing the table the source had).
+void attachSourceTable(SrTePolicy::SrTePolicyAgent& agent, SourceTable const& table);
+// Makes the agent's static configuration what `config` says: policies, paths and lists that
+// it does not name are removed, the others written.
+void applyStaticConfig(SrTePolicy::SrTePolicyAgent& agent, StaticConfig const& config);
+
 class ScenarioRunner {
  public:
   explicit ScenarioRunner(Scenario scenario);

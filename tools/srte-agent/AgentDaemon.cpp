@@ -9,6 +9,7 @@
 
 #include "Flicker/Flicker.h"
 #include "ScenarioReader.h"
+#include "ScenarioRunner.h"
 
 namespace SrTeDaemon {
 
@@ -25,12 +26,21 @@ AgentDaemon::AgentDaemon(boost::asio::io_context& io, DaemonOptions options, std
   agent_->yieldPolicyIs(Vell::YieldPolicy::timeSlice(options_.sliceUs / 1e6));
   log_ = std::make_unique<EventLog>(out, agent_->clock());
   loadPlatform();
+  if (options_.socket) {
+    try {
+      server_ = std::make_unique<SrTeStateSync::StateServer>(io_, *options_.socket,
+                                                             SrTeStateSync::servedStateOf(*agent_));
+    } catch (std::runtime_error const& e) {
+      throw PlatformError(std::string("state socket: ") + e.what(), 1);
+    }
+  }
 }
 
 AgentDaemon::~AgentDaemon() {
   alive_->daemon = nullptr;
   if (agent_) {
     // Torn down without the lines: the owner chose not to stop().
+    server_.reset();
     feed_.reset();
     driver_.reset();
     agent_.reset();
@@ -38,10 +48,12 @@ AgentDaemon::~AgentDaemon() {
 }
 
 void AgentDaemon::loadPlatform() {
-  if (!options_.platform) return;
+  std::optional<std::string> const& file =
+      options_.scenario ? options_.scenario : options_.platform;
+  if (!file) return;
   SrTeScenario::Scenario scenario;
   try {
-    scenario = SrTeScenario::readScenarioFile(*options_.platform);
+    scenario = SrTeScenario::readScenarioFile(*file);
   } catch (SrTeScenario::ScenarioError const& e) {
     throw PlatformError(e.what(), 2);
   }
@@ -51,7 +63,16 @@ void AgentDaemon::loadPlatform() {
   try {
     platform_->apply(scenario.platform);
   } catch (Mosk::Exception const& e) {
-    throw PlatformError(*options_.platform + ": the platform was refused: " + e.what(), 1);
+    throw PlatformError(*file + ": the platform was refused: " + e.what(), 1);
+  }
+  if (!options_.scenario) return;
+  // The scenario's configuration and sources, as srte-sim loads them before its first step.
+  try {
+    if (scenario.hasConfig) SrTeScenario::applyStaticConfig(*agent_, scenario.config);
+    for (SrTeScenario::SourceTable const& t : scenario.sources)
+      SrTeScenario::attachSourceTable(*agent_, t);
+  } catch (Mosk::Exception const& e) {
+    throw PlatformError(*file + ": the scenario's inputs were refused: " + e.what(), 1);
   }
 }
 
@@ -150,6 +171,8 @@ void AgentDaemon::stop(std::string const& why) {
     feed_->detach();
   }
   feed_.reset();
+  // Readers keep the last state they got; what teardown wipes is not sent to them.
+  server_.reset();
   driver_.reset();
   // The host tears its machines down in reverse build order; then the tables are let go.
   agent_.reset();

@@ -4,8 +4,9 @@
 // timer; the published-state feed writing its lines after every chain of changes; and SIGINT
 // and SIGTERM handled by stopping in order.
 //
-// main() owns the io_context and one AgentDaemon; other servers of the process (a socket that
-// serves the host's entities, say) take the same io_context and reach the host through agent().
+// main() owns the io_context and one AgentDaemon; other servers of the process take the same
+// io_context and reach the host through agent(). With a socket given, the daemon serves the
+// host's entities to readers (srte-show) through SrTeStateSync::StateServer.
 // Everything runs on the thread that runs the io_context.
 #pragma once
 
@@ -22,6 +23,7 @@
 #include "ScenarioPlatform.h"
 #include "SourceWatcher.h"
 #include "SrTePolicyAgent.h"
+#include "StateServer.h"
 #include "Vell/AsioDriver.h"
 
 namespace SrTeDaemon {
@@ -80,6 +82,8 @@ class AgentDaemon {
   std::unique_ptr<SrTeScenario::PlatformLoader> platform_;
   std::unique_ptr<Vell::AsioDriver> driver_;
   std::unique_ptr<PublishedFeed> feed_;
+  // Serves the host's entities when a socket is given.
+  std::unique_ptr<SrTeStateSync::StateServer> server_;
   std::vector<std::unique_ptr<SourceWatcher>> sources_;
   boost::asio::steady_timer pollTimer_;
   boost::asio::signal_set signals_;

@@ -5,14 +5,16 @@
 
 #include "Scenario.h"
 #include "Skerry/ShmTable.h"
+#include "StateSync.h"
 
 namespace SrTeDaemon {
 
 using SrTePolicy::PolicySource;
 
 char const* const daemonUsage =
-    R"(usage: srte-agent [--platform FILE] [--source NAME=TABLE ...] [--poll-ms N]
-                  [--slice-us N] [--trace LEVEL] [--help]
+    R"(usage: srte-agent [--platform FILE | --scenario FILE] [--source NAME=TABLE ...]
+                  [--serve | --socket PATH] [--poll-ms N] [--slice-us N] [--trace LEVEL]
+                  [--help]
 
 Runs the SR-TE policy pipeline on an event loop: reads the candidate paths that sources write
 into their tables in shared memory (srte-source writes them), resolves them against the
@@ -22,6 +24,12 @@ binding-SID routes) on standard output. See docs/agent.md for the lines.
   --platform FILE   a scenario file (docs/simulator.md) whose "platform" section is loaded as
                     the LFIB, adjacencies and FECs; its "sources", "config" and "steps" are
                     ignored. Without it the platform is empty and nothing resolves.
+  --scenario FILE   a scenario file whose platform, static configuration and sources are all
+                    loaded (the sources into tables inside the process; its steps are not
+                    played); shared-memory tables are read only for sources given by --source
+  --serve           serve the agent's state to readers such as srte-show on the default socket,
+                    $XDG_RUNTIME_DIR/srte-agent.sock (/tmp/srte-agent.sock without it)
+  --socket PATH     the same on the Unix-domain socket PATH
   --source NAME=TABLE
                     read source NAME (bgp, pcep or other) from table TABLE (/dev/shm/TABLE);
                     repeat for several sources. A table that does not exist yet is looked for
@@ -35,8 +43,8 @@ binding-SID routes) on standard output. See docs/agent.md for the lines.
   --help            this text
 
 SIGINT or SIGTERM stops it: the pipeline is torn down and the last line says "stopped".
-Exit status: 0 stopped by a signal, 1 the platform could not be loaded, 2 bad usage or a
-platform file that is not valid.
+Exit status: 0 stopped by a signal, 1 the platform (or the scenario's inputs) could not be
+loaded or the socket could not be served, 2 bad usage or a platform file that is not valid.
 )";
 
 namespace {
@@ -96,8 +104,13 @@ DaemonOptions parseDaemonOptions(std::vector<std::string> const& args) {
       o.help = true;
       continue;
     }
-    static std::set<std::string> const withValue = {"--platform", "--source", "--poll-ms",
-                                                    "--slice-us", "--trace"};
+    if (name == "--serve" && !hasValue) {
+      if (o.socket) throw UsageError("--serve: a socket is given already");
+      o.socket = SrTeStateSync::defaultSocketPath();
+      continue;
+    }
+    static std::set<std::string> const withValue = {
+        "--platform", "--scenario", "--socket", "--source", "--poll-ms", "--slice-us", "--trace"};
     if (!withValue.count(name)) {
       if (name.rfind("-", 0) == 0) throw UsageError("unknown option '" + name + "'");
       throw UsageError("unexpected argument '" + name + "'");
@@ -110,6 +123,14 @@ DaemonOptions parseDaemonOptions(std::vector<std::string> const& args) {
       if (o.platform) throw UsageError("--platform given twice");
       if (value.empty()) throw UsageError("--platform needs a file name");
       o.platform = value;
+    } else if (name == "--scenario") {
+      if (o.scenario) throw UsageError("--scenario given twice");
+      if (value.empty()) throw UsageError("--scenario needs a file name");
+      o.scenario = value;
+    } else if (name == "--socket") {
+      if (o.socket) throw UsageError("--socket: a socket is given already");
+      if (value.empty()) throw UsageError("--socket needs a path");
+      o.socket = value;
     } else if (name == "--source") {
       SourceSpec spec = sourceSpec(value);
       for (SourceSpec const& s : o.sources) {
@@ -132,7 +153,11 @@ DaemonOptions parseDaemonOptions(std::vector<std::string> const& args) {
       o.traceLevel = static_cast<int>(number(name, value, 0, 9));
     }
   }
-  if (o.sources.empty()) {
+  if (o.platform && o.scenario) {
+    throw UsageError("--platform and --scenario both name the platform; give one");
+  }
+  // A scenario brings its own sources; the default tables are for an agent without one.
+  if (o.sources.empty() && !o.scenario) {
     for (PolicySource s :
          {PolicySource::sourceBgp, PolicySource::sourcePcep, PolicySource::sourceOther}) {
       o.sources.push_back({s, defaultTable(s)});

@@ -22,6 +22,11 @@ struct SourceSpec {
 struct DaemonOptions {
   // A scenario file whose platform section is loaded; none for an empty platform.
   std::optional<std::string> platform;
+  // A scenario file whose platform, static configuration and sources are loaded (the sources
+  // into tables inside the process); its steps are not played.
+  std::optional<std::string> scenario;
+  // The Unix-domain socket on which the agent serves its state to readers (srte-show).
+  std::optional<std::string> socket;
   // In the order given; with none given, every source on its default table srte-NAME.
   std::vector<SourceSpec> sources;
   // How often tables are polled and missing tables looked for.

@@ -1,0 +1,184 @@
+// srte-show against a running srte-agent, in two processes: the agent loads a scenario's
+// inputs and serves its state; srte-show --json mounts it and must print what srte-sim --json
+// prints as the final state of the same scenario.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+using Json = nlohmann::ordered_json;
+
+namespace {
+
+struct Output {
+  int status = -1;
+  std::string out;
+};
+
+// Runs `command` through the shell; standard error goes to the test's.
+Output run(std::string const& command) {
+  Output o;
+  FILE* p = ::popen(command.c_str(), "r");
+  if (p == nullptr) return o;
+  char buf[4096];
+  std::size_t n;
+  while ((n = std::fread(buf, 1, sizeof buf, p)) > 0)
+    o.out.append(buf, n);
+  int st = ::pclose(p);
+  o.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
+  return o;
+}
+
+bool exists(std::string const& path) {
+  struct stat st {};
+  return ::lstat(path.c_str(), &st) == 0;
+}
+
+class Agent {
+ public:
+  explicit Agent(std::vector<std::string> args) {
+    pid_ = ::fork();
+    if (pid_ == 0) {
+      std::vector<char*> argv{const_cast<char*>(SRTE_AGENT)};
+      for (auto& a : args)
+        argv.push_back(a.data());
+      argv.push_back(nullptr);
+      std::freopen("/dev/null", "w", stdout);
+      ::execv(SRTE_AGENT, argv.data());
+      ::_exit(127);
+    }
+  }
+  ~Agent() { stop(); }
+  void stop() {
+    if (pid_ <= 0) return;
+    ::kill(pid_, SIGTERM);
+    ::waitpid(pid_, nullptr, 0);
+    pid_ = -1;
+  }
+
+ private:
+  pid_t pid_ = -1;
+};
+
+class SrteShowTest : public ::testing::Test {
+ protected:
+  SrteShowTest()
+      : dir_("/tmp/srte-show-test-" + std::to_string(::getpid()) + "-" +
+             ::testing::UnitTest::GetInstance()->current_test_info()->name()),
+        socket_(dir_ + ".sock") {}
+  ~SrteShowTest() override {
+    std::remove((dir_ + ".json").c_str());
+    std::remove(socket_.c_str());
+  }
+
+  // The scenario `file` with its steps left out: what an agent that loads it runs.
+  std::string withoutSteps(std::string const& file) {
+    std::ifstream in(std::string(SRTE_SOURCE_DIR) + "/" + file);
+    Json s = Json::parse(in);
+    s.erase("steps");
+    std::string out = dir_ + ".json";
+    std::ofstream(out) << s.dump(2);
+    return out;
+  }
+
+  // srte-show --json, until it prints `want` or ten seconds pass; the last output otherwise.
+  Json shownUntil(Json const& want) {
+    Json last;
+    auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (std::chrono::steady_clock::now() < end) {
+      if (!exists(socket_)) continue;
+      Output o = run(std::string(SRTE_SHOW) + " --json --socket " + socket_);
+      if (o.status != 0) continue;
+      last = Json::parse(o.out);
+      if (last == want) break;
+    }
+    return last;
+  }
+
+  std::string dir_;
+  std::string socket_;
+};
+
+TEST_F(SrteShowTest, ShowsTheStateTheSimulatorEndsWith) {
+  // Catches: anything that srte-show cannot see of a running agent's state (an entity not
+  // served, a table not kept in step, an explanation that reads the agent's insides).
+  for (char const* file : {"examples/01-two-sources.json", "examples/03-binding-sid-change.json",
+                           "tests/scenarios/selection-priority.json"}) {
+    SCOPED_TRACE(file);
+    std::string scenario = withoutSteps(file);
+    Output sim = run(std::string(SRTE_SIM) + " --json " + scenario);
+    ASSERT_EQ(sim.status, 0) << sim.out;
+    Json want = Json::parse(sim.out)["records"].back()["state"];
+    want.erase("time");
+    ASSERT_FALSE(want["policies"].empty());
+
+    Agent agent({"--scenario", scenario, "--socket", socket_});
+    EXPECT_EQ(shownUntil(want), want);
+    agent.stop();
+    EXPECT_FALSE(exists(socket_)) << "the agent left its socket behind";
+  }
+}
+
+TEST_F(SrteShowTest, NoAgentIsExitTwoWithTheReason) {
+  // Catches: srte-show hanging or printing an empty state when nothing listens.
+  Output o = run(std::string(SRTE_SHOW) + " --socket " + socket_ + " 2>&1");
+  EXPECT_EQ(o.status, 2);
+  EXPECT_NE(o.out.find("srte-show: no agent listens on " + socket_), std::string::npos) << o.out;
+}
+
+TEST_F(SrteShowTest, WatchFollowsTheAgentAcrossARestart) {
+  // Catches: a watcher that stops at the first agent, or that shows the old agent's state
+  // mixed into the new one's.
+  std::string first = withoutSteps("examples/03-binding-sid-change.json");
+  Json want1 =
+      Json::parse(run(std::string(SRTE_SIM) + " --json " + first).out)["records"].back()["state"];
+  want1.erase("time");
+  auto agent =
+      std::make_unique<Agent>(std::vector<std::string>{"--scenario", first, "--socket", socket_});
+  ASSERT_EQ(shownUntil(want1), want1);
+
+  // The watcher prints one JSON document per change; read them as they come.
+  FILE* watch = ::popen(
+      (std::string(SRTE_SHOW) + " --watch --json --socket " + socket_ + " 2>/dev/null & echo $!")
+          .c_str(),
+      "r");
+  ASSERT_NE(watch, nullptr);
+  char line[4096];
+  ASSERT_NE(std::fgets(line, sizeof line, watch), nullptr);
+  pid_t watcher = std::stoi(line);
+  // Documents end with a line "}" alone.
+  auto nextDocument = [&]() -> Json {
+    std::string doc;
+    while (std::fgets(line, sizeof line, watch) != nullptr) {
+      doc += line;
+      if (std::string(line) == "}\n") return Json::parse(doc);
+    }
+    return Json();
+  };
+  EXPECT_EQ(nextDocument(), want1);
+
+  agent->stop();
+  std::string second = withoutSteps("examples/01-two-sources.json");
+  Json want2 =
+      Json::parse(run(std::string(SRTE_SIM) + " --json " + second).out)["records"].back()["state"];
+  want2.erase("time");
+  agent =
+      std::make_unique<Agent>(std::vector<std::string>{"--scenario", second, "--socket", socket_});
+  // The new agent may show a state on its way to idle first; the last one is its final state.
+  Json got;
+  for (int i = 0; i < 20 && got != want2; ++i)
+    got = nextDocument();
+  EXPECT_EQ(got, want2);
+  ::kill(watcher, SIGTERM);
+  ::pclose(watch);
+}
+
+}  // namespace
