@@ -21,6 +21,7 @@
 #include "ScenarioReader.h"
 #include "Skerry/ShmTable.h"
 #include "SrTePolicy/SrTePolicyInputShm.h"
+#include "StateSync.h"
 
 using namespace SrTePolicy;
 using SrTeDaemon::OrderedJson;
@@ -176,6 +177,19 @@ TEST(DaemonOptions, DefaultsAndRefusals) {
   EXPECT_EQ(refusal({"--poll-ms", "0"}), "--poll-ms: '0' is not a number from 1 to 10000");
   EXPECT_EQ(refusal({"--trace"}), "--trace needs a value");
   EXPECT_EQ(refusal({"--frobnicate"}), "unknown option '--frobnicate'");
+}
+
+// Faults: a scenario's agent that also watches the default tables (another test's or user's
+// sources would leak into it); two platforms or two sockets taken silently.
+TEST(DaemonOptions, ScenarioAndSocket) {
+  using SrTeDaemon::parseDaemonOptions;
+  SrTeDaemon::DaemonOptions o = parseDaemonOptions({"--scenario", "s.json", "--socket", "/x"});
+  EXPECT_TRUE(o.sources.empty());
+  EXPECT_EQ(o.socket, "/x");
+  EXPECT_EQ(parseDaemonOptions({"--serve"}).socket, SrTeStateSync::defaultSocketPath());
+  EXPECT_THROW(parseDaemonOptions({"--scenario", "s.json", "--platform", "p.json"}),
+               SrTeDaemon::UsageError);
+  EXPECT_THROW(parseDaemonOptions({"--serve", "--socket", "/x"}), SrTeDaemon::UsageError);
 }
 
 // --- The daemon as a process ---------------------------------------------------------------
