@@ -94,7 +94,9 @@ int main(int argc, char** argv) {
   boost::asio::steady_timer throttle(io);
   bool printPending = false;
   auto lastPrint = std::chrono::steady_clock::now() - std::chrono::hours(1);
+  std::string lastTrouble;
   client.onChangeIs([&] {
+    lastTrouble.clear();
     if (!watch) {
       print();
       client.stop();
@@ -125,7 +127,9 @@ int main(int argc, char** argv) {
       status = kExitTrouble;
       return;
     }
-    std::cerr << "srte-show: " << why << "; reconnecting\n";
+    // While the agent is away every retry fails the same way: say it once.
+    if (why != lastTrouble) std::cerr << "srte-show: " << why << "; reconnecting\n";
+    lastTrouble = why;
   });
   client.start();
   io.run();
