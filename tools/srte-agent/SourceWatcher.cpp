@@ -81,7 +81,7 @@ void SourceWatcher::tryAttach() {
   }
 }
 
-void SourceWatcher::detach(std::string const& event, std::string const& reason) {
+void SourceWatcher::detach(std::string const& event, std::string reason) {
   OrderedJson f = fields();
   f["reason"] = reason;
   log_.write(event, f);

@@ -37,7 +37,8 @@ class SourceWatcher {
 
  private:
   void tryAttach();
-  void detach(std::string const& event, std::string const& reason);
+  // `reason` is a copy: it may come from the reader that detaching lets go.
+  void detach(std::string const& event, std::string reason);
   OrderedJson fields() const;
 
   SrTePolicy::SrTePolicyAgent& agent_;
