@@ -55,6 +55,12 @@ std::string gist(OrderedJson const& l) {
   return s;
 }
 
+// Removes a table when the test ends, whichever way.
+struct TableRemoval {
+  std::string name;
+  ~TableRemoval() { Skerry::shmTableRemove(name); }
+};
+
 class Feed : public ::testing::Test {
  protected:
   Feed() {
@@ -152,6 +158,7 @@ TEST_F(Feed, ChangesAfterAFlushAskForAnotherAndDetachStopsTheLines) {
 TEST_F(Feed, ADamagedTableIsDetachedAndRefusedUntilMadeAnew) {
   std::string const table = "srte-test-" + std::to_string(::getpid()) + "-damage";
   Skerry::shmTableRemove(table);
+  TableRemoval removal{table};
   auto candidate = [](U32 index) {
     PolicyInputEntry e(PolicyId::make(PolicySource::sourceBgp, index));
     e.endpointIs(Ludd::IpAddr::fromU32(0x0a000000 + index));
@@ -362,6 +369,7 @@ std::vector<std::string> gists(std::vector<OrderedJson> const& lines) {
 TEST(AgentProcess, ATableAppearingAndVanishingAddsThenRemovesExactlyItsPolicies) {
   std::string const table = "srte-test-" + std::to_string(::getpid()) + "-agent";
   Skerry::shmTableRemove(table);
+  TableRemoval removal{table};
   AgentProcess agent({"--platform", SRTE_EXAMPLES "/01-two-sources.json", "--source",
                       "bgp=" + table, "--poll-ms", "5"});
   std::vector<OrderedJson> start = agent.until("started");
@@ -416,6 +424,7 @@ TEST(AgentProcess, ATableAppearingAndVanishingAddsThenRemovesExactlyItsPolicies)
 TEST(AgentProcess, ASourceKilledWhileWritingLeavesTheDaemonRunningAndConsistent) {
   std::string const table = "srte-test-" + std::to_string(::getpid()) + "-crash";
   Skerry::shmTableRemove(table);
+  TableRemoval removal{table};
   AgentProcess agent({"--platform", SRTE_EXAMPLES "/01-two-sources.json", "--source",
                       "bgp=" + table, "--poll-ms", "2"});
   agent.until("started");

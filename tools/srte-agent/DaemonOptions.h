@@ -14,7 +14,7 @@
 namespace SrTeDaemon {
 
 // One source to read: its name ("bgp", "pcep" or "other") and the table its writer keeps.
-struct SourceSpec {
+struct SourceOption {
   SrTePolicy::PolicySource source = SrTePolicy::PolicySource::sourceBgp;
   std::string table;
 };
@@ -23,7 +23,7 @@ struct DaemonOptions {
   // A scenario file whose platform section is loaded; none for an empty platform.
   std::optional<std::string> platform;
   // In the order given; with none given, every source on its default table srte-NAME.
-  std::vector<SourceSpec> sources;
+  std::vector<SourceOption> sources;
   // How often tables are polled and missing tables looked for.
   U32 pollMs = 10;
   // How long a task of the pipeline runs before it yields to the event loop.
