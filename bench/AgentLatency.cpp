@@ -1,10 +1,11 @@
 // AgentLatency: the delay from a source's write into its table to srte-agent's JSON line for
 // it. Starts srte-agent on a fresh table with the first example's platform, then, one write at
 // a time, gives one candidate path a new binding SID and waits for the "policy" line that shows
-// it. The delay is the line's "t" minus the time of the write: both are the machine's steady
-// clock, which the daemon's clock reads too. Prints the median, the 99th percentile and the
-// extremes; the daemon's publish window (50 ms after the first change of a burst) and its poll
-// period are in every figure.
+// it, after a random pause of up to 20 ms (so that writes fall at any phase of the daemon's
+// poll timer rather than locked to it). The delay is the line's "t" minus the time of the write:
+// both are the machine's steady clock, which the daemon's clock reads too. Prints the median, the
+// 99th percentile and the extremes; the daemon's publish window (50 ms after the first change of a
+// burst) and its poll period are in every figure.
 //
 //   AgentLatency [WRITES [POLL_MS]]        (default 300 writes, the daemon's default poll)
 #include <poll.h>
@@ -16,7 +17,9 @@
 #include <chrono>
 #include <cstdio>
 #include <nlohmann/json.hpp>
+#include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "SrTePolicy/SrTePolicyInputShm.h"
@@ -103,7 +106,10 @@ int main(int argc, char** argv) {
     e.endpointIs(Ludd::IpGenAddr::parse("192.0.2.1"));
     e.colorIs(Color(100));
     e.segmentListPush(WeightedSegList(Weight(1), Ludd::MplsLabelOperation{16002, 16009}));
+    std::mt19937 random(1);
+    std::uniform_int_distribution<int> pauseUs(0, 20000);
     for (int i = 0; i <= writes; ++i) {
+      std::this_thread::sleep_for(std::chrono::microseconds(pauseUs(random)));
       U32 const bsid = 800000 + static_cast<U32>(i);
       e.bindingSidIs(Ludd::MplsLabel(bsid));
       double const written = now();

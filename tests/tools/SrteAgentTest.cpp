@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -20,6 +21,7 @@
 #include "ScenarioPlatform.h"
 #include "ScenarioReader.h"
 #include "Skerry/ShmTable.h"
+#include "SourceWatcher.h"
 #include "SrTePolicy/SrTePolicyInputShm.h"
 #include "StateSync.h"
 
@@ -53,6 +55,12 @@ std::string gist(OrderedJson const& l) {
   if (l.contains("vias")) s += " vias " + std::to_string(l["vias"].size());
   return s;
 }
+
+// Removes a table when the test ends, whichever way.
+struct TableRemoval {
+  std::string name;
+  ~TableRemoval() { Skerry::shmTableRemove(name); }
+};
 
 class Feed : public ::testing::Test {
  protected:
@@ -144,6 +152,65 @@ TEST_F(Feed, ChangesAfterAFlushAskForAnotherAndDetachStopsTheLines) {
   feed.detach();
   agent.sourceTableDel(PolicySource::sourceBgp);
   EXPECT_EQ(settle(), std::vector<std::string>{});
+}
+
+// Faults: a damaged table left attached, or detached with more or fewer candidate paths than
+// its own; the damage reported again on every poll; a table made anew not attached again.
+TEST_F(Feed, ADamagedTableIsDetachedAndRefusedUntilMadeAnew) {
+  std::string const table = "srte-test-" + std::to_string(::getpid()) + "-damage";
+  Skerry::shmTableRemove(table);
+  TableRemoval removal{table};
+  auto candidate = [](U32 index) {
+    PolicyInputEntry e(PolicyId::make(PolicySource::sourceBgp, index));
+    e.endpointIs(Ludd::IpAddr::fromU32(0x0a000000 + index));
+    e.colorIs(Color(5));
+    return e;
+  };
+  std::optional<PolicyInputShmWriter> writer(std::in_place, table);
+  writer->put(candidate(1));
+  writer->put(candidate(2));
+  // Another source's candidate path, which must stay.
+  PolicyInputEntry pcep(PolicyId::make(PolicySource::sourcePcep, 1));
+  pcep.endpointIs(Ludd::IpGenAddr::parse("192.0.2.9"));
+  agent.sourceTableIs(PolicySource::sourcePcep)->policyInputEntryIs(pcep);
+
+  SrTeDaemon::SourceWatcher watcher(agent, log, {PolicySource::sourceBgp, table});
+  out.str("");
+  watcher.poll();
+  ASSERT_TRUE(watcher.attached());
+  EXPECT_EQ(agent.policySelectionInput()->policyIdEntryCount(), 3u);
+
+  // An impossible record count, and a change announced so that the reader looks.
+  int fd = ::shm_open(("/" + table).c_str(), O_RDWR, 0);
+  ASSERT_GE(fd, 0);
+  void* base =
+      ::mmap(nullptr, sizeof(Skerry::detail::ShmHeader), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+  ::close(fd);
+  auto* header = reinterpret_cast<Skerry::detail::ShmHeader*>(base);
+  header->count = 1u << 30;
+  ++header->changes;
+  for (int i = 0; i < 3; ++i)
+    watcher.poll();
+  ::munmap(base, sizeof(Skerry::detail::ShmHeader));
+  EXPECT_FALSE(watcher.attached());
+  EXPECT_EQ(agent.policySelectionInput()->policyIdEntryCount(), 1u);
+  std::vector<OrderedJson> lines = linesOf(out.str());
+  std::vector<std::string> events;
+  for (auto const& l : lines)
+    events.push_back(l["event"]);
+  // The attempts to attach again meet the same damage: said once, by the corrupt line.
+  EXPECT_EQ(events, (std::vector<std::string>{"source-attached", "source-corrupt"}));
+  EXPECT_EQ(lines[0]["candidates"], 2);
+
+  writer.reset();
+  Skerry::shmTableRemove(table);
+  writer.emplace(table);
+  writer->put(candidate(4));
+  watcher.poll();
+  EXPECT_TRUE(watcher.attached());
+  EXPECT_EQ(agent.policySelectionInput()->policyIdEntryCount(), 2u);
+  writer.reset();
+  Skerry::shmTableRemove(table);
 }
 
 // Faults: bad usage accepted, or refused without naming the argument; defaults that do not
@@ -316,6 +383,7 @@ std::vector<std::string> gists(std::vector<OrderedJson> const& lines) {
 TEST(AgentProcess, ATableAppearingAndVanishingAddsThenRemovesExactlyItsPolicies) {
   std::string const table = "srte-test-" + std::to_string(::getpid()) + "-agent";
   Skerry::shmTableRemove(table);
+  TableRemoval removal{table};
   AgentProcess agent({"--platform", SRTE_EXAMPLES "/01-two-sources.json", "--source",
                       "bgp=" + table, "--poll-ms", "5"});
   std::vector<OrderedJson> start = agent.until("started");
@@ -370,6 +438,7 @@ TEST(AgentProcess, ATableAppearingAndVanishingAddsThenRemovesExactlyItsPolicies)
 TEST(AgentProcess, ASourceKilledWhileWritingLeavesTheDaemonRunningAndConsistent) {
   std::string const table = "srte-test-" + std::to_string(::getpid()) + "-crash";
   Skerry::shmTableRemove(table);
+  TableRemoval removal{table};
   AgentProcess agent({"--platform", SRTE_EXAMPLES "/01-two-sources.json", "--source",
                       "bgp=" + table, "--poll-ms", "2"});
   agent.until("started");

@@ -81,7 +81,7 @@ void AgentDaemon::start() {
   f["pid"] = static_cast<S64>(::getpid());
   f["platform"] = options_.platform ? OrderedJson(*options_.platform) : OrderedJson(nullptr);
   OrderedJson sources = OrderedJson::array();
-  for (SourceSpec const& s : options_.sources) {
+  for (SourceOption const& s : options_.sources) {
     sources.push_back({{"source", SrTeScenario::sourceName(s.source)}, {"table", s.table}});
   }
   f["sources"] = std::move(sources);
@@ -90,7 +90,7 @@ void AgentDaemon::start() {
 
   driver_ = std::make_unique<Vell::AsioDriver>(io_, agent_->scheduler());
   feed_ = std::make_unique<PublishedFeed>(*agent_, *log_, [this] { flushSoon(); });
-  for (SourceSpec const& s : options_.sources)
+  for (SourceOption const& s : options_.sources)
     sources_.push_back(std::make_unique<SourceWatcher>(*agent_, *log_, s));
 
   signals_.add(SIGINT);

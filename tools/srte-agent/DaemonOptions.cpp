@@ -63,7 +63,7 @@ U32 number(std::string const& option, std::string const& text, U32 min, U32 max)
   return static_cast<U32>(v);
 }
 
-SourceSpec sourceSpec(std::string const& text) {
+SourceOption sourceOption(std::string const& text) {
   std::size_t const eq = text.find('=');
   if (eq == std::string::npos) {
     throw UsageError("--source: '" + text + "' is not NAME=TABLE (for example bgp=srte-bgp)");
@@ -75,13 +75,13 @@ SourceSpec sourceSpec(std::string const& text) {
                      "' is not a source that writes a table (bgp, pcep or other; the static "
                      "source is the agent's own configuration)");
   }
-  SourceSpec spec{*source, text.substr(eq + 1)};
+  SourceOption given{*source, text.substr(eq + 1)};
   try {
-    (void)Skerry::shmTablePath(spec.table);
+    (void)Skerry::shmTablePath(given.table);
   } catch (Mosk::RangeException const& e) {
     throw UsageError("--source " + name + ": " + e.what());
   }
-  return spec;
+  return given;
 }
 
 }  // namespace
@@ -132,19 +132,19 @@ DaemonOptions parseDaemonOptions(std::vector<std::string> const& args) {
       if (value.empty()) throw UsageError("--socket needs a path");
       o.socket = value;
     } else if (name == "--source") {
-      SourceSpec spec = sourceSpec(value);
-      for (SourceSpec const& s : o.sources) {
-        if (s.source == spec.source) {
-          throw UsageError("--source: " + std::string(SrTeScenario::sourceName(spec.source)) +
+      SourceOption given = sourceOption(value);
+      for (SourceOption const& s : o.sources) {
+        if (s.source == given.source) {
+          throw UsageError("--source: " + std::string(SrTeScenario::sourceName(given.source)) +
                            " given twice");
         }
-        if (s.table == spec.table) {
-          throw UsageError("--source: table '" + spec.table + "' given for both " +
+        if (s.table == given.table) {
+          throw UsageError("--source: table '" + given.table + "' given for both " +
                            SrTeScenario::sourceName(s.source) + " and " +
-                           SrTeScenario::sourceName(spec.source) + " (one writer per table)");
+                           SrTeScenario::sourceName(given.source) + " (one writer per table)");
         }
       }
-      o.sources.push_back(std::move(spec));
+      o.sources.push_back(std::move(given));
     } else if (name == "--poll-ms") {
       o.pollMs = number(name, value, 1, 10000);
     } else if (name == "--slice-us") {

@@ -14,7 +14,7 @@
 namespace SrTeDaemon {
 
 // One source to read: its name ("bgp", "pcep" or "other") and the table its writer keeps.
-struct SourceSpec {
+struct SourceOption {
   SrTePolicy::PolicySource source = SrTePolicy::PolicySource::sourceBgp;
   std::string table;
 };
@@ -28,7 +28,7 @@ struct DaemonOptions {
   // The Unix-domain socket on which the agent serves its state to readers (srte-show).
   std::optional<std::string> socket;
   // In the order given; with none given, every source on its default table srte-NAME.
-  std::vector<SourceSpec> sources;
+  std::vector<SourceOption> sources;
   // How often tables are polled and missing tables looked for.
   U32 pollMs = 10;
   // How long a task of the pipeline runs before it yields to the event loop.

@@ -5,13 +5,13 @@
 
 namespace SrTeDaemon {
 
-SourceWatcher::SourceWatcher(SrTePolicy::SrTePolicyAgent& agent, EventLog& log, SourceSpec spec)
-    : agent_(agent), log_(log), spec_(std::move(spec)) {}
+SourceWatcher::SourceWatcher(SrTePolicy::SrTePolicyAgent& agent, EventLog& log, SourceOption given)
+    : agent_(agent), log_(log), option_(std::move(given)) {}
 
 OrderedJson SourceWatcher::fields() const {
   OrderedJson f;
-  f["source"] = SrTeScenario::sourceName(spec_.source);
-  f["table"] = spec_.table;
+  f["source"] = SrTeScenario::sourceName(option_.source);
+  f["table"] = option_.table;
   return f;
 }
 
@@ -48,11 +48,11 @@ void SourceWatcher::tryAttach() {
   Mosk::Ptr<SrTePolicy::PolicyInputShmReader> reader;
   std::string refusal;
   try {
-    reader = SrTePolicy::policyInputShmReaderFactory(spec_.table);
+    reader = SrTePolicy::policyInputShmReaderFactory(option_.table);
     if (reader->corrupt()) refusal = reader->corruption();
   } catch (Skerry::ShmTableException const& e) {
     // A table not there yet, or still being made, is what waiting is for; say nothing.
-    if (!Skerry::shmTableExists(spec_.table)) return;
+    if (!Skerry::shmTableExists(option_.table)) return;
     refusal = e.what();
     if (refusal.find("not initialised yet") != std::string::npos) return;
   }
@@ -71,7 +71,7 @@ void SourceWatcher::tryAttach() {
   f["candidates"] = reader_->policyInput()->policyInputEntryCount();
   log_.write("source-attached", f);
   try {
-    agent_.sourceTableIs(spec_.source, reader_->policyInput());
+    agent_.sourceTableIs(option_.source, reader_->policyInput());
   } catch (Mosk::Exception const& e) {
     // The full pass stopped at a candidate path the pipeline refused; the table stays attached
     // and the rest arrives with the table's later changes.
@@ -81,12 +81,12 @@ void SourceWatcher::tryAttach() {
   }
 }
 
-void SourceWatcher::detach(std::string const& event, std::string const& reason) {
+void SourceWatcher::detach(std::string const& event, std::string reason) {
   OrderedJson f = fields();
   f["reason"] = reason;
   log_.write(event, f);
   try {
-    agent_.sourceTableDel(spec_.source);
+    agent_.sourceTableDel(option_.source);
   } catch (Mosk::Exception const& e) {
     OrderedJson err = fields();
     err["error"] = e.what();

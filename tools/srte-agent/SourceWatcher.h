@@ -20,7 +20,7 @@ namespace SrTeDaemon {
 
 class SourceWatcher {
  public:
-  SourceWatcher(SrTePolicy::SrTePolicyAgent& agent, EventLog& log, SourceSpec spec);
+  SourceWatcher(SrTePolicy::SrTePolicyAgent& agent, EventLog& log, SourceOption given);
   SourceWatcher(SourceWatcher const&) = delete;
   SourceWatcher& operator=(SourceWatcher const&) = delete;
 
@@ -31,18 +31,19 @@ class SourceWatcher {
   bool poll(U32 maxKeys = 4096);
 
   bool attached() const { return static_cast<bool>(reader_); }
-  SourceSpec const& spec() const { return spec_; }
+  SourceOption const& option() const { return option_; }
   // The reader of the attached table; null while waiting.
   Mosk::Ptr<SrTePolicy::PolicyInputShmReader> const& reader() const { return reader_; }
 
  private:
   void tryAttach();
-  void detach(std::string const& event, std::string const& reason);
+  // `reason` is a copy: it may come from the reader that detaching lets go.
+  void detach(std::string const& event, std::string reason);
   OrderedJson fields() const;
 
   SrTePolicy::SrTePolicyAgent& agent_;
   EventLog& log_;
-  SourceSpec const spec_;
+  SourceOption const option_;
   Mosk::Ptr<SrTePolicy::PolicyInputShmReader> reader_;
   // Why the last attempt to attach failed, once written, so that it is written once.
   std::string lastRefusal_;
