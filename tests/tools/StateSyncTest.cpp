@@ -104,6 +104,33 @@ TEST_F(StateSyncTest, ReaderCopiesAreReadOnly) {
   EXPECT_THROW(c->state().ecPolicy()->policyDel(key), Mosk::InternalException);
 }
 
+TEST_F(StateSyncTest, HostStatusAndColorDscpMapFollowTheHost) {
+  // Catches: the host's own entities left out of the snapshot, or their later changes not
+  // reaching the readers.
+  auto run = runner("examples/01-two-sources.json");
+  auto status = SrTePolicy::statusFactory("Status");
+  auto dscp = SrTePolicy::colorDscpMapFactory("ColorDscpMap");
+  status->agentEnabledIs(true);
+  dscp->colorToDscpIs(SrTePolicy::Color(100))->dscpIs(Qos::Dscp(46), true);
+  ServerOptions o;
+  o.publishPeriod = 0;
+  StateServer server(io_, path_, servedStateOf(run->agent(), status, dscp), o);
+  auto c = reader();
+  ASSERT_TRUE(until([&] { return c->synced(); }));
+  EXPECT_TRUE(c->state().status()->agentEnabled());
+  auto list = c->state().colorDscpMap()->colorToDscp(SrTePolicy::Color(100));
+  ASSERT_TRUE(list);
+  EXPECT_TRUE(list->dscp(Qos::Dscp(46)));
+
+  status->agentEnabledIs(false);
+  dscp->colorToDscpDel(SrTePolicy::Color(100));
+  server.publish();
+  EXPECT_TRUE(until([&] {
+    return !c->state().status()->agentEnabled() &&
+           c->state().colorDscpMap()->colorToDscpCount() == 0;
+  }));
+}
+
 TEST_F(StateSyncTest, ReaderReconnectsToARestartedAgentIntoFreshCopies) {
   // Catches: a reader that gives up when the agent goes, or that keeps state the new agent
   // does not have (applying the new snapshot over the old copies).

@@ -28,8 +28,8 @@ AgentDaemon::AgentDaemon(boost::asio::io_context& io, DaemonOptions options, std
   loadPlatform();
   if (options_.socket) {
     try {
-      server_ = std::make_unique<SrTeStateSync::StateServer>(io_, *options_.socket,
-                                                             SrTeStateSync::servedStateOf(*agent_));
+      server_ = std::make_unique<SrTeStateSync::StateServer>(
+          io_, *options_.socket, SrTeStateSync::servedStateOf(*agent_, status_, colorDscpMap_));
     } catch (std::runtime_error const& e) {
       throw PlatformError(std::string("state socket: ") + e.what(), 1);
     }
@@ -99,6 +99,7 @@ void AgentDaemon::start() {
     if (ec || !alive->daemon) return;
     alive->daemon->stop(signal == SIGINT ? "SIGINT" : "SIGTERM");
   });
+  status_->agentEnabledIs(true);
   // The first look for the tables happens at once, after this line.
   log_->write("started", f);
   armPoll(true);
@@ -163,6 +164,7 @@ void AgentDaemon::stop(std::string const& why) {
   OrderedJson f;
   f["reason"] = why;
   log_->write("stopping", f);
+  status_->agentEnabledIs(false);
   pollTimer_.cancel();
   signals_.cancel();
   // What teardown wipes is not a change of what the router forwards: no lines for it.

@@ -22,6 +22,8 @@
 #include "PublishedFeed.h"
 #include "ScenarioPlatform.h"
 #include "SourceWatcher.h"
+#include "SrTePolicy/SrTeColorDscpMap.h"
+#include "SrTePolicy/SrTePolicy.h"
 #include "SrTePolicyAgent.h"
 #include "StateServer.h"
 #include "Vell/AsioDriver.h"
@@ -78,6 +80,12 @@ class AgentDaemon {
   boost::asio::io_context& io_;
   DaemonOptions const options_;
   std::unique_ptr<SrTePolicy::SrTePolicyAgent> agent_;
+  // What this host publishes of itself: whether policy processing runs (enabled from start()
+  // until stop()), and the color to DSCP map, which the configuration front end would write
+  // and which stays empty here. Served to readers with the pipeline's entities.
+  Mosk::Ptr<SrTePolicy::Status> status_ = SrTePolicy::statusFactory("Status");
+  Mosk::Ptr<SrTePolicy::ColorDscpMap> colorDscpMap_ =
+      SrTePolicy::colorDscpMapFactory("ColorDscpMap");
   std::unique_ptr<EventLog> log_;
   std::unique_ptr<SrTeScenario::PlatformLoader> platform_;
   std::unique_ptr<Vell::AsioDriver> driver_;
