@@ -85,6 +85,16 @@ class HashMap {
     e->value = v;
     return Change::updated;
   }
+  // The same, taking `v` over instead of copying it.
+  Change set(K const& k, V&& v) {
+    Entry entry{k, std::move(v)};
+    // The table takes the entry only when it inserts it; otherwise `entry` is left intact.
+    auto [e, inserted] = table_.insert(std::move(entry));
+    if (inserted) return Change::inserted;
+    if (e->value == entry.value) return Change::none;
+    e->value = std::move(entry.value);
+    return Change::updated;
+  }
   bool erase(K const& k) { return table_.erase(k).has_value(); }
   void clear() { table_.clear(); }
 

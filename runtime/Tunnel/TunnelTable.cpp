@@ -60,4 +60,16 @@ void SrTeSegmentListTunnelTable::entryIs(SrTeSegmentListTunnelTableEntry const& 
   entryIs(entry.tunnelId(), entry);
 }
 
+void SrTeSegmentListTunnelTable::entryIs(SrTeSegmentListTunnelTableEntry&& entry) {
+  if (!entry.tunnelId().isValid()) {
+    throw Mosk::RangeException("tunnel table entry " + Mosk::valueToStrep(entry) +
+                               " has no tunnel id");
+  }
+  TunnelId const tunnelId = entry.tunnelId();
+  if (entry_.set(tunnelId, std::move(entry)) !=
+      Mosk::HashMap<TunnelId, SrTeSegmentListTunnelTableEntry>::Change::none) {
+    notify(&NotifieeConst::onEntry, tunnelId);
+  }
+}
+
 }  // namespace Tunnel::TunnelTable
