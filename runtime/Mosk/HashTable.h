@@ -233,10 +233,11 @@ class OrderedHashTable {
   }
 
   // Overflow slots after the 2^logCap home slots. A small table (logCap 0 to 2, every entry in
-  // one run) gets as many as it has homes, so that the many tables of one or two entries (the
-  // lists of a candidate, the candidates of a list) allocate two slots, not five.
+  // one run) stays small: the many tables of one to three entries (the lists of a candidate,
+  // the candidates of a list, the labels of an exported list) allocate three slots, not five,
+  // and grow to four and then eight.
   static std::size_t extraSlots(U32 logCap) {
-    return logCap < 3 ? std::size_t{1} << logCap : logCap + 2;
+    return logCap == 0 ? 2 : logCap < 3 ? std::size_t{1} << logCap : logCap + 2;
   }
 
   // Doubles the table (more than once if a cluster at the end would not fit) and re-places
