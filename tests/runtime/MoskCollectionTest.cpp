@@ -209,6 +209,24 @@ TEST(MoskHashMap, AgreesWithReferenceUnderRandomOperations) {
   EXPECT_EQ(seen, ref.size());
 }
 
+// Faults: the moving set losing the value of an existing key (reporting no change, storing
+// nothing), or storing a moved-from value.
+TEST(MoskHashMap, MovingSetInsertsUpdatesAndKeepsValues) {
+  using Change = Mosk::HashMap<U32, std::vector<U32>>::Change;
+  Mosk::HashMap<U32, std::vector<U32>> m;
+  std::vector<U32> v{1, 2, 3};
+  EXPECT_EQ(m.set(7, std::move(v)), Change::inserted);
+  EXPECT_EQ(*m.find(7), (std::vector<U32>{1, 2, 3}));
+  EXPECT_EQ(m.set(7, std::vector<U32>{1, 2, 3}), Change::none);
+  EXPECT_EQ(m.set(7, std::vector<U32>{4}), Change::updated);
+  EXPECT_EQ(*m.find(7), std::vector<U32>{4});
+  for (U32 k = 0; k < 40; ++k)
+    m.set(100 + k, std::vector<U32>(k, k));
+  for (U32 k = 0; k < 40; ++k)
+    EXPECT_EQ(*m.find(100 + k), std::vector<U32>(k, k)) << k;
+  EXPECT_EQ(*m.find(7), std::vector<U32>{4});
+}
+
 // A walk that erases and inserts at random (forcing growth) visits every key that was present
 // from start to end exactly once.
 TEST(MoskHashMap, CursorSurvivesGrowthAndRandomErasure) {

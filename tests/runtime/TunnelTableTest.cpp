@@ -47,9 +47,16 @@ TEST(TunnelTable, EntryWritesReplaceWholeEntries) {
   EXPECT_EQ(stored->viaCount(), 1u);
   EXPECT_FALSE(stored->hasVia(via("10.0.0.1", 100)));
 
+  // An entry handed over whole behaves as a copied one: no notification when it is equal.
+  table->entryIs(SrTeSegmentListTunnelTableEntry(second));
+  EXPECT_EQ(*table->entry(id), second);
+
   table->entryDel(id);
   EXPECT_EQ(w.keys, (std::vector<TunnelId>{id, id, id}));
   EXPECT_THROW(table->entryIs(SrTeSegmentListTunnelTableEntry()), Mosk::RangeException);
+  SrTeSegmentListTunnelTableEntry noId;
+  EXPECT_THROW(table->entryIs(std::move(noId)), Mosk::RangeException);
+  EXPECT_FALSE(table->entry(TunnelId()));
   EXPECT_EQ(Mosk::parse<SrTeSegmentListTunnelTableEntry>(Mosk::valueToStrep(first)), first);
 }
 
