@@ -15,6 +15,7 @@
 
 #include <array>
 #include <optional>
+#include <string>
 #include <unordered_map>
 #include <unordered_set>
 #include <vector>
