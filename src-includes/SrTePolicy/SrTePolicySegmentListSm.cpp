@@ -3,6 +3,8 @@
 
 #include "SrTePolicy/SrTePolicySegmentListSm.h"
 
+#include "Mosk/Reflection.h"
+
 #include "Flicker/Flicker.h"
 
 namespace SrTePolicy {
@@ -351,5 +353,15 @@ void SegmentListSm::removeSegmentListStatus(SegmentListResolve const& resolve) {
   tunnelTable_->entryDel(resolve.tunnelId());
   segmentListStatus_->statusDel(id);
 }
+
+// The handlers that tools may call by name (Mosk/Reflection.h).
+namespace {
+Mosk::MachineRecord<SegmentListSm> const machineRecord(
+    "SrTePolicy::SegmentListSm", {
+                                     {"handleInitialized", &SegmentListSm::handleInitialized},
+                                     {"handleTaskRun", &SegmentListSm::handleTaskRun},
+                                     {"handleDel", &SegmentListSm::handleDel},
+                                 });
+}  // namespace
 
 }  // namespace SrTePolicy
