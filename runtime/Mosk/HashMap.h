@@ -68,6 +68,8 @@ class HashMap {
   using CursorConst = CursorOf<true>;
 
   U32 size() const { return table_.size(); }
+  // The slots the table has allocated (memory accounting).
+  std::size_t slotCount() const { return table_.slotCount(); }
   bool empty() const { return table_.empty(); }
 
   V const* find(K const& k) const {
