@@ -186,16 +186,6 @@ IpGenAddr IpGenAddr::parse(std::string_view text) {
   return a;
 }
 
-U32 IpGenAddr::hash() const {
-  Mosk::HashMix mix;
-  mix.add(static_cast<U32>(family_));
-  for (int i = 0; i < 16; i += 4) {
-    mix.add(static_cast<U32>(bytes_[i]) << 24 | static_cast<U32>(bytes_[i + 1]) << 16 |
-            static_cast<U32>(bytes_[i + 2]) << 8 | bytes_[i + 3]);
-  }
-  return mix.final();
-}
-
 void IpGenAddr::strep(std::ostream& os) const {
   switch (family_) {
     case Family::none:

@@ -6,12 +6,15 @@
 #pragma once
 
 #include <array>
+#include <bit>
 #include <compare>
+#include <cstring>
 #include <ostream>
 #include <string>
 #include <string_view>
 
 #include "Mosk/AttributeLog.h"
+#include "Mosk/Hash.h"
 #include "Mosk/Value.h"
 
 namespace Ludd {
@@ -66,7 +69,19 @@ class IpGenAddr {
   bool operator==(IpGenAddr const&) const = default;
   // Empty first, then IPv4, then IPv6; within a family by address.
   auto operator<=>(IpGenAddr const&) const = default;
-  U32 hash() const;
+  // The runtime's mix of the family and the sixteen bytes, four at a time in network order.
+  // Inline: a policy key is hashed at nearly every lookup along the pipeline.
+  U32 hash() const {
+    Mosk::HashMix mix;
+    mix.add(static_cast<U32>(family_));
+    for (std::size_t i = 0; i < 16; i += 4) {
+      U32 word;
+      std::memcpy(&word, bytes_.data() + i, sizeof word);
+      if constexpr (std::endian::native == std::endian::little) word = __builtin_bswap32(word);
+      mix.add(word);
+    }
+    return mix.final();
+  }
   void strep(std::ostream& os) const;
   static IpGenAddr strepRead(Mosk::TextReader& r);
   // Attribute-log form: the family (0, 4 or 6) as one byte, then 0, 4 or 16 address bytes.

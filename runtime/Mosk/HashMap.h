@@ -68,6 +68,8 @@ class HashMap {
   using CursorConst = CursorOf<true>;
 
   U32 size() const { return table_.size(); }
+  // The slots the table has allocated (memory accounting).
+  std::size_t slotCount() const { return table_.slotCount(); }
   bool empty() const { return table_.empty(); }
 
   V const* find(K const& k) const {
@@ -83,6 +85,16 @@ class HashMap {
     if (inserted) return Change::inserted;
     if (e->value == v) return Change::none;
     e->value = v;
+    return Change::updated;
+  }
+  // The same, taking `v` over instead of copying it.
+  Change set(K const& k, V&& v) {
+    Entry entry{k, std::move(v)};
+    // The table takes the entry only when it inserts it; otherwise `entry` is left intact.
+    auto [e, inserted] = table_.insert(std::move(entry));
+    if (inserted) return Change::inserted;
+    if (e->value == entry.value) return Change::none;
+    e->value = std::move(entry.value);
     return Change::updated;
   }
   bool erase(K const& k) { return table_.erase(k).has_value(); }

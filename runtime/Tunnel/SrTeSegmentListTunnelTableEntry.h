@@ -25,6 +25,8 @@ class SrTeSegmentListTunnelTableEntry {
   // Removes `via`; false when it was absent.
   bool viaDel(MplsVia const& via);
   void viaDelAll() { via_.clear(); }
+  // Makes room for `count` vias, so that adding them allocates once.
+  void viaReserve(U32 count) { via_.reserve(count); }
   bool hasVia(MplsVia const& via) const;
   U32 viaCount() const { return static_cast<U32>(via_.size()); }
   // In MplsVia order.

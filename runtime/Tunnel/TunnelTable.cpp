@@ -78,4 +78,18 @@ void SrTeSegmentListTunnelTable::entryIs(SrTeSegmentListTunnelTableEntry const& 
   entryIs(entry.tunnelId(), entry);
 }
 
+void SrTeSegmentListTunnelTable::entryIs(SrTeSegmentListTunnelTableEntry&& entry) {
+  // As every mutator of a replicated table: a read-only copy refuses the write.
+  writeCheck();
+  if (!entry.tunnelId().isValid()) {
+    throw Mosk::RangeException("tunnel table entry " + Mosk::valueToStrep(entry) +
+                               " has no tunnel id");
+  }
+  TunnelId const tunnelId = entry.tunnelId();
+  if (entry_.set(tunnelId, std::move(entry)) !=
+      Mosk::HashMap<TunnelId, SrTeSegmentListTunnelTableEntry>::Change::none) {
+    notify(&NotifieeConst::onEntry, tunnelId);
+  }
+}
+
 }  // namespace Tunnel::TunnelTable

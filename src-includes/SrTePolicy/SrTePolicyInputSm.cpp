@@ -2,7 +2,10 @@
 
 #include "Mosk/Reflection.h"
 
+#include <algorithm>
 #include <optional>
+
+#include <boost/container/small_vector.hpp>
 
 #include "Flicker/Flicker.h"
 
@@ -20,6 +23,43 @@ std::optional<PolicyInputEntry> readInputEntry(PolicyInputSource const* input,
   Mosk::Ptr<PolicyInput const> table = input->policyInput(policyId.source());
   if (!table) return std::nullopt;
   return table->policyInputEntry(policyId);
+}
+
+bool sameLabels(SegmentList const& list, Ludd::MplsLabelOperation const& stack) {
+  if (list.size() != stack.size()) return false;
+  for (U32 i = 0; i < list.size(); ++i) {
+    if (!(list.segmentLabel(i) == stack.label(i))) return false;
+  }
+  return true;
+}
+
+// Whether `entry` already holds exactly the record's label stacks with the record's weights
+// (a stack named twice with one weight counts once), each as the list of the same labels that
+// the reverse map keeps for it. Deduplicating and registering the stacks again would then find
+// every segment, list and registration in place and change nothing; it costs several lookups
+// per label and per list, which a change of preference, router id or binding SID, and every
+// untouched candidate of a full pass, can skip.
+bool sameSegmentLists(PolicyIdEntry const& entry, PolicyInputEntry const& record,
+                      SegmentListIdToPolicyMap const& users) {
+  if (entry.wSegmentListCount() > record.segmentListCount()) return false;
+  struct Held {
+    SegmentList const* list;
+    Weight weight;
+    bool named;
+  };
+  boost::container::small_vector<Held, 4> held;
+  for (auto c = entry.wSegmentListIter(); c; ++c) {
+    Mosk::Ptr<SegmentListUser const> user = users.segmentListUser(c.key());
+    if (!user || !user->segmentList()) return false;
+    held.push_back(Held{user->segmentList().ptr(), c.value(), false});
+  }
+  for (WeightedSegList const* w = record.segmentListBegin(); w != record.segmentListEnd(); ++w) {
+    auto match = std::find_if(held.begin(), held.end(),
+                              [&](Held const& h) { return sameLabels(*h.list, w->segList()); });
+    if (match == held.end() || !(match->weight == w->weight())) return false;
+    match->named = true;
+  }
+  return std::all_of(held.begin(), held.end(), [](Held const& h) { return h.named; });
 }
 
 // The two halves of an address's sixteen bytes, for the binary trace.
@@ -141,6 +181,9 @@ void PolicyInputSm::handlePolicyEntry(PolicyId const& policyId) {
       policyId.value(), key, record->preference(), policyId.source(), record->routerId());
   addInPolicyKeyToIdMap(key, policyId);
   entry->bindingSidIs(record->bindingSid());
+  // Detailed tracing reports every dedup and registration step, so it takes the long way.
+  if (!inputSmTrace.active(9) && sameSegmentLists(*entry, *record, *segmentListIdToPolicyMap_))
+    return;
 
   StaleSet stale;
   for (auto c = entry->wSegmentListIter(); c; ++c)

@@ -216,10 +216,12 @@ void SegmentListSm::scheduleIfPending() {
 void SegmentListSm::processSegmentList(SegmentList const& list) {
   SegmentListId id = list.segmentListId();
   SRTE_TRACE(traceHandle, kEntry, "processSegmentList for SlId:" << id);
-  Mosk::Ptr<SegmentListResolveResult const> result = resolveSegmentList(list);
-  if (result && !result->viaSet().empty()) {
+  // The next hops stay on the stack: a result object would only carry them to the next line.
+  MplsViaSet viaSet;
+  resolveInto(list, viaSet);
+  if (!viaSet.empty()) {
     SRTE_TRACE(traceHandle, kEvent, "Update the Segment List Status for SlId:" << id);
-    updateSegmentListStatus(list, result->viaSet());
+    updateSegmentListStatus(list, viaSet);
     return;
   }
   SRTE_TRACE(traceHandle, kEvent, "Remove the Segment List Status for SlId:" << id);
@@ -228,8 +230,15 @@ void SegmentListSm::processSegmentList(SegmentList const& list) {
 
 Mosk::Ptr<SegmentListResolveResult const> SegmentListSm::resolveSegmentList(
     SegmentList const& list) const {
+  MplsViaSet viaSet;
+  resolveInto(list, viaSet);
+  if (viaSet.empty()) return nullptr;
+  return segmentListResolveResultFactory(viaSet);
+}
+
+void SegmentListSm::resolveInto(SegmentList const& list, MplsViaSet& viaSet) const {
   U32 n = list.size();
-  if (n == 0) return nullptr;
+  if (n == 0) return;
   // The labels below the top one, bottom first: the last segment at position 0.
   Ludd::MplsLabelOperation lStack;
   for (U32 i = 0; i + 1 < n; ++i) {
@@ -237,29 +246,37 @@ Mosk::Ptr<SegmentListResolveResult const> SegmentListSm::resolveSegmentList(
     lStack.labelIs(Ludd::MplsStackEntryIndex(i), label);
   }
   Mosk::Ptr<SegmentResolve const> resolve = segmentStatus_->status(list.getSegmentId(0));
-  if (!resolve) return nullptr;
+  if (!resolve) return;
   lStack.sizeIs(n - 1);
-  return resolveSegmentListWithTopLabel(*resolve, lStack, list.segmentLabel(0));
+  resolveWithTopLabelInto(*resolve, lStack, list.segmentLabel(0), viaSet);
 }
 
 Mosk::Ptr<SegmentListResolveResult const> SegmentListSm::resolveSegmentListWithTopLabel(
     SegmentResolve const& resolve, Ludd::MplsLabelOperation const& lStack,
     Ludd::MplsLabel topLabel) const {
   MplsViaSet viaSet;
-  Mpls::AdjacencyKey const& adjKey = resolve.adjKey();
-  if (adjKey.kind() == Mpls::AdjacencyKind::extFec) {
-    if (!addExtFecVias(adjKey.index(), lStack, topLabel, viaSet)) return nullptr;
-  } else {
-    addAdjacencyVias(adjKey.index(), lStack, viaSet);
-  }
+  resolveWithTopLabelInto(resolve, lStack, topLabel, viaSet);
   if (viaSet.empty()) return nullptr;
   return segmentListResolveResultFactory(viaSet);
 }
 
+void SegmentListSm::resolveWithTopLabelInto(SegmentResolve const& resolve,
+                                            Ludd::MplsLabelOperation const& lStack,
+                                            Ludd::MplsLabel topLabel, MplsViaSet& viaSet) const {
+  Mpls::AdjacencyKey const& adjKey = resolve.adjKey();
+  if (adjKey.kind() == Mpls::AdjacencyKind::extFec) {
+    // A missing adjacency or FEC resolves nothing, whatever was gathered.
+    if (!addExtFecVias(adjKey.index(), lStack, topLabel, viaSet)) viaSet.viaDelAll();
+  } else {
+    addAdjacencyVias(adjKey.index(), lStack, viaSet);
+  }
+}
+
 void SegmentListSm::addAdjacencyVias(U64 index, Ludd::MplsLabelOperation const& lStack,
                                      MplsViaSet& viaSet) const {
-  std::optional<Mpls::LfibAdjacency> adjacency = mplsStatus_->lfibAdjacency(index);
-  if (!adjacency) return;
+  // Read in place: a copy would allocate the adjacency's via set for every list resolved.
+  Mpls::LfibAdjacency const* adjacency = mplsStatus_->lfibAdjacencyFind(index);
+  if (adjacency == nullptr) return;
   SRTE_TRACE(traceHandle, kEntry, "No of Adjacency " << adjacency->via().viaCount());
   for (Mpls::Via const& via : adjacency->via()) {
     Ludd::MplsLabelOperation op = lStack;
@@ -318,9 +335,10 @@ void SegmentListSm::updateTunnelTable(TunnelId const& tunnelId, MplsViaSet const
               "Update Tunnel Table TID " << tunnelId << " With " << viaSet.viaCount() << " vias",
               "Update Tunnel Table TID: " << tunnelId);
   Tunnel::TunnelTable::SrTeSegmentListTunnelTableEntry entry(tunnelId);
+  entry.viaReserve(viaSet.viaCount());
   for (MplsVia const& via : viaSet)
     entry.newVia(via);
-  tunnelTable_->entryIs(entry);
+  tunnelTable_->entryIs(std::move(entry));
 }
 
 void SegmentListSm::removeSegmentListStatusById(SegmentListId id) {

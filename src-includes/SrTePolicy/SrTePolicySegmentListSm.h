@@ -169,6 +169,13 @@ class SegmentListSm : public StateMachine {
 
   // Keeps the watcher of `segmentId` in step with SegmentStatus.
   void statusWatch(SegmentId segmentId);
+  // The next hops of `list` into `viaSet` (left empty when the list does not resolve); what
+  // resolveSegmentList computes, without a result object.
+  void resolveInto(SegmentList const& list, MplsViaSet& viaSet) const;
+  // The same for resolveSegmentListWithTopLabel.
+  void resolveWithTopLabelInto(SegmentResolve const& resolve,
+                               Ludd::MplsLabelOperation const& lStack, Ludd::MplsLabel topLabel,
+                               MplsViaSet& viaSet) const;
   // Appends the next hops of the LFIB adjacency `index` to `viaSet`.
   void addAdjacencyVias(U64 index, Ludd::MplsLabelOperation const& lStack,
                         MplsViaSet& viaSet) const;

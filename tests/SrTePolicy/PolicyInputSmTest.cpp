@@ -259,6 +259,32 @@ TEST_F(PolicyInputSmTest, UpdateDeregistersExactlyTheDroppedList) {
   checkAgainstInput();
 }
 
+// Faults: an update taken for one that leaves the lists as they are when it reverses a stack,
+// changes a weight, names a stack twice with another weight or drops a list; the detailed
+// trace losing its dedup and registration lines on an update that changes no list.
+TEST_F(PolicyInputSmTest, UpdatesThatKeepOrChangeTheListsAreToldApart) {
+  start();
+  PolicyId a = PolicyId::make(kBgp, 1);
+  auto write = [&](std::vector<std::pair<U32, Stack>> lists, U32 preference = 100) {
+    table(kBgp)->policyInputEntryIs(record(a, 1, std::move(lists), 900, preference));
+    checkAgainstInput();
+  };
+  write({{1, {5, 6}}, {2, {7}}});
+  write({{2, {7}}, {1, {5, 6}}}, 200);
+  EXPECT_EQ(psi->policyIdEntry(a.value())->preference(), Preference(200));
+  write({{1, {6, 5}}, {2, {7}}}, 200);
+  EXPECT_EQ(listsOf(a), (std::map<Stack, U32>{{{6, 5}, 1}, {{7}, 2}}));
+  write({{3, {6, 5}}, {2, {7}}}, 200);
+  write({{3, {6, 5}}, {2, {7}}, {4, {6, 5}}}, 200);
+  EXPECT_EQ(listsOf(a), (std::map<Stack, U32>{{{6, 5}, 4}, {{7}, 2}}));
+  write({{4, {6, 5}}}, 200);
+  EXPECT_EQ(listsOf(a), (std::map<Stack, U32>{{{6, 5}, 4}}));
+  traceAll();
+  write({{4, {6, 5}}}, 300);
+  EXPECT_EQ(capture.count("Creating dedup segmentList for label stack: [6, 5]"), 1u);
+  EXPECT_EQ(capture.count("Registration of SegmentList Id: 3 for Policy Id: 1073741825"), 1u);
+}
+
 // Faults: a key change accepted, refused with another message, or half applied.
 TEST_F(PolicyInputSmTest, KeyChangeIsRefusedAndNothingOfTheCallIsDone) {
   start();

@@ -209,6 +209,24 @@ TEST(MoskHashMap, AgreesWithReferenceUnderRandomOperations) {
   EXPECT_EQ(seen, ref.size());
 }
 
+// Faults: the moving set losing the value of an existing key (reporting no change, storing
+// nothing), or storing a moved-from value.
+TEST(MoskHashMap, MovingSetInsertsUpdatesAndKeepsValues) {
+  using Change = Mosk::HashMap<U32, std::vector<U32>>::Change;
+  Mosk::HashMap<U32, std::vector<U32>> m;
+  std::vector<U32> v{1, 2, 3};
+  EXPECT_EQ(m.set(7, std::move(v)), Change::inserted);
+  EXPECT_EQ(*m.find(7), (std::vector<U32>{1, 2, 3}));
+  EXPECT_EQ(m.set(7, std::vector<U32>{1, 2, 3}), Change::none);
+  EXPECT_EQ(m.set(7, std::vector<U32>{4}), Change::updated);
+  EXPECT_EQ(*m.find(7), std::vector<U32>{4});
+  for (U32 k = 0; k < 40; ++k)
+    m.set(100 + k, std::vector<U32>(k, k));
+  for (U32 k = 0; k < 40; ++k)
+    EXPECT_EQ(*m.find(100 + k), std::vector<U32>(k, k)) << k;
+  EXPECT_EQ(*m.find(7), std::vector<U32>{4});
+}
+
 // A walk that erases and inserts at random (forcing growth) visits every key that was present
 // from start to end exactly once.
 TEST(MoskHashMap, CursorSurvivesGrowthAndRandomErasure) {
@@ -301,4 +319,22 @@ TEST(MoskHashMap, CopyInHashOrderAndSharedHashesStayCorrect) {
     same.set(k, true);
   EXPECT_EQ(same.size(), 300u);
   EXPECT_TRUE(same.contains(299));
+}
+
+// Catches a table of well-mixed keys that doubles on the long runs such keys make by chance:
+// 40,000 ids at three-fifths full, churned as lists come and go, must keep their 2^16 homes.
+TEST(MoskHashMap, MixedKeysGrowOnlyWhenFull) {
+  Mosk::HashMap<U32, bool> ids;
+  for (U32 k = 1; k <= 40000; ++k)
+    ids.set(k, true);
+  std::size_t const slots = ids.slotCount();
+  EXPECT_LT(slots, std::size_t{1} << 17);
+  for (U32 round = 0; round < 5; ++round) {
+    for (U32 k = 1; k <= 800; ++k)
+      ids.erase(round * 800 + k);
+    for (U32 k = 1; k <= 800; ++k)
+      ids.set(40000 + round * 800 + k, true);
+  }
+  EXPECT_EQ(ids.size(), 40000u);
+  EXPECT_EQ(ids.slotCount(), slots);
 }

@@ -3,6 +3,7 @@
 
 #include <vector>
 
+#include "Mosk/Replication.h"
 #include "MplsHelper/IndexAllocators.h"
 #include "Tunnel/TunnelTable.h"
 
@@ -47,10 +48,37 @@ TEST(TunnelTable, EntryWritesReplaceWholeEntries) {
   EXPECT_EQ(stored->viaCount(), 1u);
   EXPECT_FALSE(stored->hasVia(via("10.0.0.1", 100)));
 
+  // An entry handed over whole behaves as a copied one: no notification when it is equal.
+  table->entryIs(SrTeSegmentListTunnelTableEntry(second));
+  EXPECT_EQ(*table->entry(id), second);
+
   table->entryDel(id);
   EXPECT_EQ(w.keys, (std::vector<TunnelId>{id, id, id}));
   EXPECT_THROW(table->entryIs(SrTeSegmentListTunnelTableEntry()), Mosk::RangeException);
+  SrTeSegmentListTunnelTableEntry noId;
+  EXPECT_THROW(table->entryIs(std::move(noId)), Mosk::RangeException);
+  EXPECT_FALSE(table->entry(TunnelId()));
   EXPECT_EQ(Mosk::parse<SrTeSegmentListTunnelTableEntry>(Mosk::valueToStrep(first)), first);
+}
+
+// Faults: the moving write skipping the read-only check of a mounted copy, or its change not
+// reaching the attribute log.
+TEST(TunnelTable, MovedWritesReplicateAndAMountedCopyRefusesThem) {
+  auto source = srTeSegmentListTunnelTableFactory("tunnels");
+  auto adapter = Mosk::logAdapterFactory(Mosk::constPtr(source));
+  auto copy = srTeSegmentListTunnelTableFactory("tunnels");
+  auto mount = Mosk::logMountFactory(copy, "peer");
+  adapter->activate();
+  mount->apply(adapter->snapshot());
+  TunnelId id = TunnelId::convertToTunnelValue(TunnelType::srTeSegmentList, 3);
+  SrTeSegmentListTunnelTableEntry entry(id);
+  entry.newVia(via("10.0.0.1", 100));
+  source->entryIs(SrTeSegmentListTunnelTableEntry(entry));
+  mount->apply(adapter->flush());
+  ASSERT_TRUE(copy->entry(id));
+  EXPECT_EQ(*copy->entry(id), entry);
+  EXPECT_THROW(copy->entryIs(SrTeSegmentListTunnelTableEntry(entry)), Mosk::InternalException);
+  EXPECT_THROW(copy->entryIs(entry), Mosk::InternalException);
 }
 
 // Faults: an index handed out twice; the hook unable to reach the end of the 48-bit tunnel id
