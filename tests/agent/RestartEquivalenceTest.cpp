@@ -104,6 +104,7 @@ class Scenario {
   }
 
   // A policy id keeps its key; binding SIDs are the key's own, so no two policies claim one.
+  // Preferences are drawn from a few, so that sources and router ids decide ties.
   void candidate() {
     PolicySource const source = kSources[pick(3)];
     U32 const index = 1 + pick(kIndexes);
@@ -113,7 +114,9 @@ class Scenario {
     e.colorIs(keyOf(k).color());
     U32 const preferences[] = {10, 100, 200};
     e.preferenceIs(Preference(preferences[pick(3)]));
-    e.routerIdIs(Ludd::IpAddr::fromU32(0x01010101 * (1 + pick(2))));
+    // Each candidate has a router id of its own: candidates equal in all but their id keep
+    // whichever is active, by design, so which one wins would depend on history.
+    e.routerIdIs(Ludd::IpAddr::fromU32(0x01010000 + (static_cast<U32>(source) << 8) + index));
     U32 const bsid = pick(3);
     e.bindingSidIs(bsid == 0 ? MplsLabel::none() : MplsLabel(900000 + 10 * k + bsid));
     for (U32 n = 1 + pick(3); n > 0; --n)
@@ -140,18 +143,20 @@ class Scenario {
     policy->candidatePathIs(preference)->segmentListIs(stack(), Weight(1 + pick(2)));
   }
 
-  // The route of a top label, over one of a few next hops (a move when it exists already).
-  // As the platform does, new vias come as a new adjacency that the route is switched to, and
-  // the old adjacency goes afterwards: an adjacency is never rewritten in place.
+  // The route of a top label, over one of a few next hops (a move when it exists already):
+  // either the adjacency it uses is rewritten in place, or a new adjacency comes and the route
+  // is switched to it, the old one going afterwards.
   void routeUp() {
     U32 const label = 16001 + pick(kTopLabels);
     Mpls::RouteKey const key(MplsLabel(label), Mpls::LFib::Source(2));
-    U64 const adjacency = nextAdjacency_++;
+    Mpls::LFib::Route const old = agent_.mplsStatus()->lfibRoute(key);
+    bool const inPlace = old != Mpls::LFib::Route() && pick(2) == 0;
+    U64 const adjacency = inPlace ? old.adjacencyKey().index() : nextAdjacency_++;
     Mpls::ViaSet vias{Mpls::Via(IntfId(IntfId::Kind::ethernet, 1 + pick(3)),
                                 IpGenAddr::parse(kNextHops[pick(4)]),
                                 Ludd::MplsLabelAction::actionSwap, MplsLabel(label))};
     agent_.mplsStatus()->lfibAdjacencyIs(adjacency, Mpls::LfibAdjacency(vias));
-    Mpls::LFib::Route const old = agent_.mplsStatus()->lfibRoute(key);
+    if (inPlace) return;
     agent_.mplsStatus()->lfibRouteIs(
         Mpls::LFib::Route(key, Mpls::AdjacencyKey(adjacency, Mpls::AdjacencyKind::adjacency),
                           Mpls::LFib::RouteType::label, Mpls::LFib::Source(2), 0, {}));
