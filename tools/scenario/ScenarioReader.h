@@ -1,0 +1,39 @@
+// The scenario reader: parses a scenario file (JSON) and checks all of it before anything
+// runs. Every value is range-checked, every field name known, every reference (a source, a
+// candidate path, a route, an adjacency, a FEC) checked against the state that the steps before
+// it leave behind. The first mistake ends the reading with a ScenarioError that names the file,
+// the JSON path of the offending value (for example `steps[3].add.segmentLists[0].labels[6]`)
+// and the reason; nothing is applied to a pipeline before the whole file has been read.
+//
+// The format is described in docs/simulator.md.
+#pragma once
+
+#include <stdexcept>
+#include <string>
+
+#include "Scenario.h"
+
+namespace SrTeScenario {
+
+class ScenarioError : public std::runtime_error {
+ public:
+  ScenarioError(std::string file, std::string path, std::string reason);
+
+  std::string const& file() const { return file_; }
+  // The JSON path of the offending value; empty for the document as a whole.
+  std::string const& path() const { return path_; }
+  std::string const& reason() const { return reason_; }
+
+ private:
+  std::string file_;
+  std::string path_;
+  std::string reason_;
+};
+
+// Reads and checks the scenario in `fileName`; raises ScenarioError (also when the file cannot
+// be read).
+Scenario readScenarioFile(std::string const& fileName);
+// The same for scenario text already in memory; `fileName` only names it in errors.
+Scenario readScenarioText(std::string const& text, std::string const& fileName);
+
+}  // namespace SrTeScenario
