@@ -40,8 +40,11 @@ run() {
   local corpus=$dir/corpus/$n artifacts=$dir/artifacts/$n/ log=$dir/logs/$n.log
   rm -rf "$artifacts"
   mkdir -p "$corpus" "$artifacts" "$dir/logs"
+  local dict=()
+  [ -f "fuzz/$n.dict" ] && dict=(-dict="fuzz/$n.dict")
   if "$dir/fuzz/${n}Fuzz" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 \
-    -print_final_stats=1 -artifact_prefix="$artifacts" "$corpus" "fuzz/corpus/$n" >"$log" 2>&1; then
+    -print_final_stats=1 -artifact_prefix="$artifacts" "${dict[@]}" "$corpus" "fuzz/corpus/$n" \
+    >"$log" 2>&1; then
     echo "$n: $(grep -m1 'stat::number_of_executed_units' "$log" | awk '{print $2}') executions," \
       "no finding"
     return 0
