@@ -83,7 +83,9 @@ class Node {
   }
   // Refuses every field not in `allowed`, naming the field's own path.
   void allowOnly(std::initializer_list<char const*> allowed) const {
-    for (auto const& [key, v] : value_.items()) {
+    for (auto const& item : value_.items()) {
+      // A plain variable, not a structured binding: clang before 16 cannot capture those.
+      std::string const& key = item.key();
       bool known =
           std::any_of(allowed.begin(), allowed.end(), [&key](char const* a) { return key == a; });
       if (known) continue;
