@@ -842,7 +842,8 @@ Scenario readScenarioText(std::string const& text, std::string const& fileName) 
   Json doc;
   try {
     doc = Json::parse(text);
-  } catch (Json::parse_error const& e) {
+  } catch (Json::exception const& e) {
+    // A syntax error, or a number no double holds (an out_of_range error, not a parse error).
     std::string what = e.what();
     // "[json.exception.parse_error.101] parse error at line 3, column 5: ..."
     auto pos = what.find("] ");
