@@ -9,6 +9,7 @@
 #include <compare>
 #include <ostream>
 
+#include "Mosk/AttributeLog.h"
 #include "Mosk/Value.h"
 
 namespace Fib {
@@ -52,6 +53,9 @@ class FecId {
   // Hexadecimal, so that the type shows as the leading digit: "0xf000000000000007".
   void strep(std::ostream& os) const;
   static FecId strepRead(Mosk::TextReader& r) { return FecId(r.readUnsigned(~U64{0}, "FEC id")); }
+  // Attribute-log form: the 64 bits as they are (every pattern is a FecId).
+  void logWrite(Mosk::LogWriter& w) const { w.u64(value_); }
+  static FecId logRead(Mosk::LogReader& r) { return FecId(r.u64("FEC id")); }
 
  private:
   U64 value_ = 0;

@@ -10,6 +10,7 @@
 #include <ostream>
 #include <string_view>
 
+#include "Mosk/AttributeLog.h"
 #include "Mosk/Value.h"
 
 namespace Ludd {
@@ -45,6 +46,13 @@ class IntfId {
   U32 hash() const { return Mosk::hashU32(value_); }
   void strep(std::ostream& os) const;
   static IntfId strepRead(Mosk::TextReader& r);
+  // Attribute-log form: the 32-bit id.
+  void logWrite(Mosk::LogWriter& w) const { w.u32(value_); }
+  static IntfId logRead(Mosk::LogReader& r) {
+    IntfId i;
+    i.value_ = r.u32("interface id");
+    return i;
+  }
 
  private:
   U32 value_ = 0;

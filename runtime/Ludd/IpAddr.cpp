@@ -211,6 +211,27 @@ void IpGenAddr::strep(std::ostream& os) const {
   }
 }
 
+void IpGenAddr::logWrite(Mosk::LogWriter& w) const {
+  w.u8(static_cast<U8>(family_));
+  if (family_ == Family::ipv4) w.bytes(bytes_.data(), 4);
+  if (family_ == Family::ipv6) w.bytes(bytes_.data(), 16);
+}
+
+IpGenAddr IpGenAddr::logRead(Mosk::LogReader& r) {
+  U8 family = r.u8("address family");
+  IpGenAddr a;
+  if (family == 4) {
+    a.family_ = Family::ipv4;
+    r.bytes(a.bytes_.data(), 4, "IPv4 address");
+  } else if (family == 6) {
+    a.family_ = Family::ipv6;
+    r.bytes(a.bytes_.data(), 16, "IPv6 address");
+  } else if (family != 0) {
+    throw Mosk::RangeException("IpGenAddr family " + std::to_string(family) + " not allowed");
+  }
+  return a;
+}
+
 IpGenAddr IpGenAddr::strepRead(Mosk::TextReader& r) {
   if (r.accept("none")) return IpGenAddr();
   auto text = r.take(isAddrChar);

@@ -11,6 +11,7 @@
 #include <string>
 #include <string_view>
 
+#include "Mosk/AttributeLog.h"
 #include "Mosk/Value.h"
 
 namespace Ludd {
@@ -33,6 +34,13 @@ class IpAddr {
   U32 hash() const;
   void strep(std::ostream& os) const;
   static IpAddr strepRead(Mosk::TextReader& r);
+  // Attribute-log form (network byte order); reading runs the same checks as construction.
+  void logWrite(Mosk::LogWriter& w) const { w.bytes(bytes_.data(), 4); }
+  static IpAddr logRead(Mosk::LogReader& r) {
+    IpAddr a;
+    r.bytes(a.bytes_.data(), 4, "IPv4 address");
+    return a;
+  }
 
  private:
   std::array<U8, 4> bytes_{};
@@ -62,6 +70,9 @@ class IpGenAddr {
   U32 hash() const;
   void strep(std::ostream& os) const;
   static IpGenAddr strepRead(Mosk::TextReader& r);
+  // Attribute-log form: the family (0, 4 or 6) as one byte, then 0, 4 or 16 address bytes.
+  void logWrite(Mosk::LogWriter& w) const;
+  static IpGenAddr logRead(Mosk::LogReader& r);
 
  private:
   Family family_ = Family::none;

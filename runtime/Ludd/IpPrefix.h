@@ -26,6 +26,15 @@ class IpGenPrefix {
   U32 hash() const { return Mosk::HashMix().add(address_.hash()).add(length_).final(); }
   void strep(std::ostream& os) const;
   static IpGenPrefix strepRead(Mosk::TextReader& r);
+  // Attribute-log form: the address, then the length as one byte (range-checked on reading).
+  void logWrite(Mosk::LogWriter& w) const {
+    address_.logWrite(w);
+    w.u8(length_);
+  }
+  static IpGenPrefix logRead(Mosk::LogReader& r) {
+    IpGenAddr address = IpGenAddr::logRead(r);
+    return IpGenPrefix(address, r.u8("prefix length"));
+  }
 
  private:
   IpGenAddr address_;

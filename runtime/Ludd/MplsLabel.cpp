@@ -92,6 +92,21 @@ MplsLabelOperation MplsLabelOperation::strepRead(Mosk::TextReader& r) {
   }
 }
 
+void MplsLabelOperation::logWrite(Mosk::LogWriter& w) const {
+  w.u8(static_cast<U8>(size_));
+  for (U32 i = 0; i < size_; ++i)
+    w.u32(labels_[i]);
+}
+
+MplsLabelOperation MplsLabelOperation::logRead(Mosk::LogReader& r) {
+  U8 size = r.u8("label stack size");
+  if (size > capacity) (void)MplsStackEntryIndex(size - 1);
+  MplsLabelOperation op;
+  for (U32 i = 0; i < size; ++i)
+    op.push(MplsLabel::logRead(r));
+  return op;
+}
+
 std::ostream& operator<<(std::ostream& os, MplsLabel const& l) {
   l.strep(os);
   return os;

@@ -11,6 +11,7 @@
 #include <ostream>
 
 #include "Ludd/Ludd.h"
+#include "Mosk/AttributeLog.h"
 #include "Mosk/Value.h"
 
 namespace Ludd {
@@ -40,6 +41,9 @@ class MplsLabel {
   static MplsLabel strepRead(Mosk::TextReader& r) {
     return MplsLabel(static_cast<U32>(r.readUnsigned(Mosk::maxU32, "MPLS label")));
   }
+  // Attribute-log form: 32 bits; a value above the no-label value raises the range error.
+  void logWrite(Mosk::LogWriter& w) const { w.u32(value_); }
+  static MplsLabel logRead(Mosk::LogReader& r) { return MplsLabel(r.u32("MPLS label")); }
 
  private:
   U32 value_ = noLabel;
@@ -84,6 +88,10 @@ class MplsLabelOperation {
   // "[16001, 16002]": the labels at positions 0 to size-1.
   void strep(std::ostream& os) const;
   static MplsLabelOperation strepRead(Mosk::TextReader& r);
+  // Attribute-log form: the size as one byte, then the labels at positions 0 to size-1. A size
+  // above six raises the stack-index range error, a label above the no-label value its own.
+  void logWrite(Mosk::LogWriter& w) const;
+  static MplsLabelOperation logRead(Mosk::LogReader& r);
 
  private:
   U32 labels_[capacity];

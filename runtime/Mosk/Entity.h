@@ -70,7 +70,16 @@ class Entity : public PtrInterface {
   bool hasNotifiees() const { return notifiees_ != nullptr; }
   U32 notifieeCount() const;
 
+  // True for the entities of a copy mounted read-only from another process.
+  bool readOnlyReplica() const { return (flags_ & kReadOnlyReplica) != 0; }
+
  protected:
+  // The first step of every generated mutator of a replicated type: a read-only copy raises
+  // the internal error "write-update from readonly proxy: <fullName> peerName: <peer>".
+  void writeCheck() const {
+    if (MOSK_UNLIKELY(flags_ & kReadOnlyReplica)) throwReadOnly();
+  }
+
   // Calls `fn(args...)` on every active notifiee of type N.
   template <class N, class... P, class... A>
   void notify(void (N::*fn)(P...), A const&... args) const {
@@ -84,6 +93,13 @@ class Entity : public PtrInterface {
 
  private:
   friend class NotifieeBase;
+  friend class ReplicaAccess;
+
+  void readOnlyReplicaIs(bool readOnly) const {
+    flags_ =
+        static_cast<U16>(readOnly ? (flags_ | kReadOnlyReplica) : (flags_ & ~kReadOnlyReplica));
+  }
+  [[noreturn]] void throwReadOnly() const;
 
   struct NotifieeList {
     boost::container::small_vector<NotifieeBase*, 2> items;

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "Mosk/Array.h"
+#include "Mosk/AttributeLog.h"
 #include "Mosk/Entity.h"
 #include "Mosk/Exception.h"
 #include "Mosk/HashMap.h"

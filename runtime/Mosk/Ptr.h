@@ -66,6 +66,8 @@ class PtrInterface {
 
   static constexpr U16 kReferenceHook = 1u << 0;
   static constexpr U16 kNewRefHook = 1u << 1;
+  // Set on the entities of a mounted read-only copy (Mosk/Replication.h).
+  static constexpr U16 kReadOnlyReplica = 1u << 2;
   // Bits 1..7 belong to the runtime, 8..15 to derived classes.
   static constexpr U16 kFirstDerivedFlag = 1u << 8;
 

@@ -41,6 +41,21 @@ ViaSet ViaSet::strepRead(Mosk::TextReader& r) {
   return set;
 }
 
+void ViaSet::logWrite(Mosk::LogWriter& w) const {
+  w.u32(viaCount());
+  for (Via const& v : vias_)
+    Mosk::logWrite(w, v);
+}
+
+ViaSet ViaSet::logRead(Mosk::LogReader& r) {
+  U32 n = r.u32("via count");
+  ViaSet set;
+  for (U32 i = 0; i < n; ++i) {
+    if (!set.viaIs(Mosk::logRead<Via>(r))) r.fail("via repeated in a via set");
+  }
+  return set;
+}
+
 std::ostream& operator<<(std::ostream& os, ViaSet const& set) {
   set.strep(os);
   return os;

@@ -34,6 +34,10 @@ class ViaSet {
   // "[via, via]" with each via's text form, in order.
   void strep(std::ostream& os) const { Mosk::writeList(os, begin(), end()); }
   static ViaSet strepRead(Mosk::TextReader& r);
+  // Attribute-log form: the count as 32 bits, then the vias in order; a repeated via is a
+  // format error.
+  void logWrite(Mosk::LogWriter& w) const;
+  static ViaSet logRead(Mosk::LogReader& r);
 
  private:
   std::vector<Via> vias_;  // sorted, no duplicates

@@ -37,6 +37,10 @@ class SrTeSegmentListTunnelTableEntry {
   // 'via': [...]})".
   void strep(std::ostream& os) const;
   static SrTeSegmentListTunnelTableEntry strepRead(Mosk::TextReader& r);
+  // Attribute-log form: the tunnel id, the via count as 32 bits, then the vias in order; a
+  // repeated via is a format error.
+  void logWrite(Mosk::LogWriter& w) const;
+  static SrTeSegmentListTunnelTableEntry logRead(Mosk::LogReader& r);
 
  private:
   TunnelId tunnelId_;

@@ -6,6 +6,7 @@
 
 #include <ostream>
 
+#include "Mosk/AttributeLog.h"
 #include "Mosk/Value.h"
 
 namespace Tunnel::TunnelTable {
@@ -45,6 +46,9 @@ class TunnelId {
   static TunnelId strepRead(Mosk::TextReader& r) {
     return TunnelId(r.readUnsigned(~U64{0}, "tunnel id"));
   }
+  // Attribute-log form: 64 bits; a value above maxValue raises the range error.
+  void logWrite(Mosk::LogWriter& w) const { w.u64(value_); }
+  static TunnelId logRead(Mosk::LogReader& r) { return TunnelId(r.u64("tunnel id")); }
 
  private:
   U64 value_ = 0;

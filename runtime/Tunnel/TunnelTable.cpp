@@ -47,6 +47,24 @@ SrTeSegmentListTunnelTableEntry SrTeSegmentListTunnelTableEntry::strepRead(Mosk:
   return entry;
 }
 
+void SrTeSegmentListTunnelTableEntry::logWrite(Mosk::LogWriter& w) const {
+  tunnelId_.logWrite(w);
+  w.u32(viaCount());
+  for (MplsVia const& v : via_)
+    v.logWrite(w);
+}
+
+SrTeSegmentListTunnelTableEntry SrTeSegmentListTunnelTableEntry::logRead(Mosk::LogReader& r) {
+  SrTeSegmentListTunnelTableEntry entry(Mosk::logReadField<TunnelId>(r, "tunnelId"));
+  U32 n = r.u32("via count");
+  for (U32 i = 0; i < n; ++i) {
+    MplsVia via = Mosk::logReadField<MplsVia>(r, "via");
+    if (entry.hasVia(via)) r.fail("via repeated in a tunnel table entry");
+    entry.newVia(via);
+  }
+  return entry;
+}
+
 std::ostream& operator<<(std::ostream& os, SrTeSegmentListTunnelTableEntry const& entry) {
   entry.strep(os);
   return os;

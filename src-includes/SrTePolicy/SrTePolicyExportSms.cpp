@@ -1,6 +1,8 @@
 // SegmentListExportSm: one exported label stack per live segment list.
 #include "SrTePolicy/SrTePolicyExportSms.h"
 
+#include "Mosk/Reflection.h"
+
 #include "Flicker/Flicker.h"
 
 namespace SrTePolicy {
@@ -84,5 +86,16 @@ void SegmentListExportSm::SegmentListReactor::onSegmentListNotifier(
     Mosk::Ptr<SegmentListLifeTimeNotifier const> const& n) {
   sm_->handleSegmentList(n);
 }
+
+// The handlers that tools may call by name (Mosk/Reflection.h).
+namespace {
+Mosk::MachineRecord<SegmentListExportSm> const machineRecord(
+    "SrTePolicy::SegmentListExportSm",
+    {
+        {"handleInitialized", &SegmentListExportSm::handleInitialized},
+        {"handleSegmentList", &SegmentListExportSm::handleSegmentList},
+        {"handleDel", &SegmentListExportSm::handleDel},
+    });
+}  // namespace
 
 }  // namespace SrTePolicy

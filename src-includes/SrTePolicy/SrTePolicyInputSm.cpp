@@ -1,5 +1,7 @@
 #include "SrTePolicy/SrTePolicyInputSm.h"
 
+#include "Mosk/Reflection.h"
+
 #include <optional>
 
 #include "Flicker/Flicker.h"
@@ -353,5 +355,15 @@ void PolicyInputSm::syncPolicyReactors() {
     if (!input_ || !input_->policyInput(c.key())) policyDel(c.key());
   }
 }
+
+// The handlers that tools may call by name (Mosk/Reflection.h).
+namespace {
+Mosk::MachineRecord<PolicyInputSm> const machineRecord(
+    "SrTePolicy::PolicyInputSm", {
+                                     {"handleInitialized", &PolicyInputSm::handleInitialized},
+                                     {"handleSource", &PolicyInputSm::handleSource},
+                                     {"handleDel", &PolicyInputSm::handleDel},
+                                 });
+}  // namespace
 
 }  // namespace SrTePolicy

@@ -1,6 +1,8 @@
 // SrTePolicyLfibGenSm: qualification of status entries and the break-before-make LFIB writes.
 #include "SrTePolicy/SrTePolicyLfibGenSm.h"
 
+#include "Mosk/Reflection.h"
+
 #include "Flicker/Flicker.h"
 
 namespace SrTePolicy {
@@ -187,5 +189,15 @@ void SrTePolicyLfibGenSm::PolicyStatusReactor::onStatus(PolicyKey const& key) {
     sm_->nestedPolicyDel(key);
   }
 }
+
+// The handlers that tools may call by name (Mosk/Reflection.h).
+namespace {
+Mosk::MachineRecord<SrTePolicyLfibGenSm> const machineRecord(
+    "SrTePolicy::SrTePolicyLfibGenSm",
+    {
+        {"handleInitialized", &SrTePolicyLfibGenSm::handleInitialized},
+        {"handleDel", &SrTePolicyLfibGenSm::handleDel},
+    });
+}  // namespace
 
 }  // namespace SrTePolicy

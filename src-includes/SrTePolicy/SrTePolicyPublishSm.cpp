@@ -1,6 +1,8 @@
 // PolicyPublishSm: pending keys, the sliced publish task, FEC ids and the in-place FEC writes.
 #include "SrTePolicy/SrTePolicyPublishSm.h"
 
+#include "Mosk/Reflection.h"
+
 #include "Flicker/Flicker.h"
 
 namespace SrTePolicy {
@@ -314,5 +316,15 @@ void PolicyPublishSm::EcPolicyReactor::onPolicy(PolicyKey const& key) {
 void PolicyPublishSm::TaskReactor::onTaskRun() {
   sm_->handleTaskRun();
 }
+
+// The handlers that tools may call by name (Mosk/Reflection.h).
+namespace {
+Mosk::MachineRecord<PolicyPublishSm> const machineRecord(
+    "SrTePolicy::PolicyPublishSm", {
+                                       {"handleInitialized", &PolicyPublishSm::handleInitialized},
+                                       {"handleTaskRun", &PolicyPublishSm::handleTaskRun},
+                                       {"handleDel", &PolicyPublishSm::handleDel},
+                                   });
+}  // namespace
 
 }  // namespace SrTePolicy

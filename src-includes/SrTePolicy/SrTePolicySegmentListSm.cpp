@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "Flicker/Flicker.h"
+#include "Mosk/Reflection.h"
 
 namespace SrTePolicy {
 
@@ -366,5 +367,15 @@ void SegmentListSm::removeSegmentListStatus(SegmentListResolve const& resolve) {
   tunnelTable_->entryDel(resolve.tunnelId());
   segmentListStatus_->statusDel(id);
 }
+
+// The handlers that tools may call by name (Mosk/Reflection.h).
+namespace {
+Mosk::MachineRecord<SegmentListSm> const machineRecord(
+    "SrTePolicy::SegmentListSm", {
+                                     {"handleInitialized", &SegmentListSm::handleInitialized},
+                                     {"handleTaskRun", &SegmentListSm::handleTaskRun},
+                                     {"handleDel", &SegmentListSm::handleDel},
+                                 });
+}  // namespace
 
 }  // namespace SrTePolicy

@@ -2,6 +2,8 @@
 
 #include "SrTePolicy/SrTePolicySegmentSm.h"
 
+#include "Mosk/Reflection.h"
+
 #include "Flicker/Flicker.h"
 
 namespace SrTePolicy {
@@ -107,5 +109,15 @@ void SegmentSm::handleLFibRoute() {
     resolveAndUpdateSegmentStatus(*c.key()->segmentRawPtr());
   }
 }
+
+// The handlers that tools may call by name (Mosk/Reflection.h).
+namespace {
+Mosk::MachineRecord<SegmentSm> const machineRecord(
+    "SrTePolicy::SegmentSm", {
+                                 {"handleInitialized", &SegmentSm::handleInitialized},
+                                 {"handleLFibRoute", &SegmentSm::handleLFibRoute},
+                                 {"handleDel", &SegmentSm::handleDel},
+                             });
+}  // namespace
 
 }  // namespace SrTePolicy

@@ -2,6 +2,8 @@
 // walk and the takeover of an existing EcPolicy.
 #include "SrTePolicy/SrTePolicySelectionSm.h"
 
+#include "Mosk/Reflection.h"
+
 #include <cstring>
 #include <string>
 
@@ -381,5 +383,16 @@ void PolicySelectionSm::policyIdEntryIs(U32 id, Mosk::Ptr<PolicyIdEntry const> c
 void PolicySelectionSm::policyIdEntryDel(U32 id) {
   policyIdEntry_.erase(id);
 }
+
+// The handlers that tools may call by name (Mosk/Reflection.h).
+namespace {
+Mosk::MachineRecord<PolicySelectionSm> const machineRecord(
+    "SrTePolicy::PolicySelectionSm",
+    {
+        {"handleInitialized", &PolicySelectionSm::handleInitialized},
+        {"handleTaskRun", &PolicySelectionSm::handleTaskRun},
+        {"handleDel", &PolicySelectionSm::handleDel},
+    });
+}  // namespace
 
 }  // namespace SrTePolicy

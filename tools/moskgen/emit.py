@@ -1,6 +1,7 @@
 """Emits the C++ header and source of a parsed model declaration."""
 
 from model import BUILTINS, MoskError
+import replica
 
 
 def lower_first(name):
@@ -95,6 +96,7 @@ def emit_scalar(o, v, model):
         o(f"  static {v.name} strepRead(Mosk::TextReader& r) {{")
         o(f"    return {v.name}(Mosk::ValueTraits<{u}>::read(r));")
         o("  }")
+    replica.scalar_log_members(o, v)
     for c in v.code:
         o(c)
     o("")
@@ -151,6 +153,7 @@ def emit_composite(o, v, model):
     o("  U32 hash() const;")
     o("  void strep(std::ostream& os) const;")
     o(f"  static {n} strepRead(Mosk::TextReader& r);")
+    replica.composite_log_decls(o, v)
     for c in v.code:
         o(c)
     o("")
@@ -169,6 +172,7 @@ def emit_composite(o, v, model):
 
 def emit_composite_source(o, v, model):
     n = v.name
+    replica.composite_log_source(o, v)
     if not v.custom_hash:
         o(f"U32 {n}::hash() const {{")
         o("  Mosk::HashMix mix;")
@@ -226,6 +230,7 @@ def emit_enum_traits(o, e):
     o("  }")
     o(f"  static U32 hash({q} v) {{ return hashU32(static_cast<U32>(v)); }}")
     o("};")
+    replica.enum_log_traits(o, e)
     o("}  // namespace Mosk")
     o("")
 
@@ -358,7 +363,7 @@ def emit_entity(o, e, model):
     for p in e.params:
         o(f"  {ret(p.type, model)} {p.name}() const {{ return {member(p.name)}; }}")
         if p.mutable:
-            emit_scalar_setter(o, p.name, p.type, model, p.notify)
+            emit_scalar_setter(o, p.name, p.type, model, p.notify, e)
     for a in e.attrs:
         emit_attr(o, e, a, model)
     for c in e.colls:
@@ -369,12 +374,19 @@ def emit_entity(o, e, model):
         o(f"  void {name}Notify({params}) const {{ notify({args}); }}")
     for c in e.code:
         o(c)
+    if e.replicated:
+        replica.check_replicated(e, model)
+        o("")
+        o("  // The attribute-log replication of this type (Mosk/Replication.h).")
+        o("  static Mosk::ReplicaOps const& replicaOps();")
     if e.in_tree:
         o("")
         o("  // Links the element into the ordered collection that holds it.")
         o("  Mosk::RbTreeHook rbTreeHook_;")
     o("")
     o(" private:")
+    if e.replicated:
+        o(f"  friend class {n}Log;")
     for p in e.params:
         const = "" if p.mutable else " const"
         o(f"  {p.type.text}{const} {member(p.name)};")
@@ -395,8 +407,15 @@ def emit_entity(o, e, model):
     o("")
 
 
-def emit_scalar_setter(o, name, t, model, notify):
+def write_check(o, e, indent="    "):
+    """A mutator of a replicated type refuses to write a mounted read-only copy."""
+    if e.replicated:
+        o(f"{indent}writeCheck();")
+
+
+def emit_scalar_setter(o, name, t, model, notify, e):
     o(f"  void {name}Is({t.param(model)} value) {{")
+    write_check(o, e)
     o(f"    if ({member(name)} == value) return;")
     o(f"    {member(name)} = value;")
     if notify:
@@ -412,6 +431,7 @@ def emit_attr(o, e, a, model):
         if not t.pointee_const:
             o(f"  Mosk::Ptr<{t.pointee}> {a.name}() {{ return {member(a.name)}; }}")
         o(f"  void {a.name}Is(Mosk::Ptr<{t.pointee}{pconst}> const& value) {{")
+        write_check(o, e)
         if not a.nullable:
             o("    if (!value) {")
             o(f"      throw Mosk::RangeException(Mosk::nullMutatorMessage(\"{a.name}\", "
@@ -424,7 +444,7 @@ def emit_attr(o, e, a, model):
         o("  }")
         return
     o(f"  {ret(t, model)} {a.name}() const {{ return {member(a.name)}; }}")
-    emit_scalar_setter(o, a.name, t, model, a.notify)
+    emit_scalar_setter(o, a.name, t, model, a.notify, e)
     if a.counter:
         o(f"  void {a.name}Inc({t.param(model)} delta) {{ {a.name}Is({member(a.name)} + delta); }}")
 
@@ -481,16 +501,18 @@ def emit_coll_decl(o, e, c, model):
             key, params = f"value.{c.keyed}()", f"{v.param(model)} value"
             o(f"  // Stores `value` under its {c.keyed}.")
         o(f"  void {nm}Is({params}) {{")
+        write_check(o, e)
         if c.notify:
             o(f"    if ({mb}.set({key}, value) != {ty}::Change::none) {notify(key)}")
         else:
             o(f"    {mb}.set({key}, value);")
         o("  }")
         o(f"  void new{C}({params}) {{")
+        write_check(o, e)
         o(f"    {mb}.set({key}, value);")
         o(f"    {notify(key)}")
         o("  }")
-        emit_del(o, c, k, notify)
+        emit_del(o, c, k, notify, e)
     elif c.kind == "ptr":
         pconst = " const" if c.value.pointee_const else ""
         pt = f"Mosk::Ptr<{c.value.pointee}{pconst}>"
@@ -500,6 +522,7 @@ def emit_coll_decl(o, e, c, model):
         o("  }")
         o(f"  // Stores `value` under `key`; a null value removes the key.")
         o(f"  void {nm}Is({k} key, {pt} const& value) {{")
+        write_check(o, e)
         o("    if (!value) {")
         o(f"      {nm}Del(key);")
         o("      return;")
@@ -510,20 +533,23 @@ def emit_coll_decl(o, e, c, model):
             o(f"    {mb}.set(key, value);")
         o("  }")
         o(f"  void new{C}({k} key, {pt} const& value) {{")
+        write_check(o, e)
         o("    if (!value) {")
         o(f"      throw Mosk::RangeException(Mosk::nullMutatorMessage(\"{nm}\", \"{e.qualified}\"));")
         o("    }")
         o(f"    {mb}.set(key, value);")
         o(f"    {notify('key')}")
         o("  }")
-        emit_del(o, c, k, notify)
+        emit_del(o, c, k, notify, e)
     elif c.kind == "array":
         v = c.value
         o(f"  {ret(v, model)} {nm}({k} index) const {{ return {mb}.at(index); }}")
         o(f"  void {nm}Is({k} index, {v.param(model)} value) {{")
+        write_check(o, e)
         o(f"    if ({mb}.set(index, value)) {notify('index')}")
         o("  }")
         o(f"  void {nm}Del({k} index) {{")
+        write_check(o, e)
         o(f"    if ({mb}.erase(index)) {notify('index')}")
         o("  }")
         o(f"  void {nm}DelAll() {{")
@@ -621,12 +647,14 @@ def emit_table_decl(o, e, c, model):
         o("  }")
 
 
-def emit_del(o, c, k, notify):
+def emit_del(o, c, k, notify, e):
     nm, mb = c.name, member(c.name)
     o(f"  void {nm}Del({k} key) {{")
+    write_check(o, e)
     o(f"    if ({mb}.erase(key)) {notify('key')}")
     o("  }")
     o(f"  void {nm}DelAll() {{")
+    write_check(o, e)
     o("    if (!hasNotifiees()) {")
     o(f"      {mb}.clear();")
     o("      return;")
@@ -663,6 +691,7 @@ def emit_entity_coll_source(o, e, c, model):
     note = notify_call(c, c.key.text, "key") if c.notify else ""
     if c.inserting:
         o(f"void {n}::{nm}Is(Mosk::Ptr<{el.name}> const& element) {{")
+        write_check(o, e, "  ")
         o("  if (!element) {")
         o(f"    throw Mosk::RangeException(Mosk::nullMutatorMessage(\"{nm}\", \"{e.qualified}\"));")
         o("  }")
@@ -679,6 +708,7 @@ def emit_entity_coll_source(o, e, c, model):
         ps = elem_ctor_params(el, model)
         args = elem_ctor_args(el)
         o(f"Mosk::Ptr<{el.name}> {n}::{nm}Is({ps}) {{")
+        write_check(o, e, "  ")
         o(f"  if ({el.name}* existing = {mb}.find({kp.name})) {{")
         for p in el.params:
             if p.key or p.mutable:
@@ -702,6 +732,7 @@ def emit_entity_coll_source(o, e, c, model):
         o("}")
         o("")
         o(f"Mosk::Ptr<{el.name}> {n}::new{C}({ps}) {{")
+        write_check(o, e, "  ")
         o(f"  Mosk::Ptr<{el.name}> element = {lower_first(el.name)}Factory({args});")
         o(f"  if (auto old = {mb}.erase({kp.name})) old->parentIs(nullptr);")
         o("  element->parentIs(this);")
@@ -712,6 +743,7 @@ def emit_entity_coll_source(o, e, c, model):
         o("}")
         o("")
     o(f"void {n}::{nm}Del({k} key) {{")
+    write_check(o, e, "  ")
     o(f"  Mosk::Ptr<{el.name}> old = {mb}.erase(key);")
     o("  if (!old) return;")
     o("  old->parentIs(nullptr);")
@@ -720,6 +752,7 @@ def emit_entity_coll_source(o, e, c, model):
     o("}")
     o("")
     o(f"void {n}::{nm}DelAll() {{")
+    write_check(o, e, "  ")
     o(f"  for (auto c = {mb}.cursor(); c; ++c) {nm}Del(c.key());")
     o("}")
     o("")
@@ -785,6 +818,8 @@ def emit_header(model, decl_path):
     o("#include <string_view>")
     o("")
     o('#include "Mosk/Model.h"')
+    if any(e.replicated for e in model.entities()):
+        o('#include "Mosk/Replication.h"')
     if any(c.kind == "table" for e in model.entities() for c in e.colls):
         o('#include "Skerry/Table.h"')
     for inc in model.includes:
@@ -820,6 +855,12 @@ def emit_source(model, decl_path, include_name):
       "Do not edit.")
     o(f'#include "{include_name}"')
     o("")
+    o("#include <any>")
+    o("#include <limits>")
+    o("")
+    o('#include "Mosk/Reflection.h"')
+    o('#include "Mosk/Replication.h"')
+    o("")
     ns = Namespaces(o)
     for d in order_decls(model):
         if d.kind == "value" and not d.scalar:
@@ -831,5 +872,27 @@ def emit_source(model, decl_path, include_name):
         elif d.kind == "entity":
             ns.enter(d.ns)
             emit_entity_source(o, d, model)
+    for e in replica.replicated_order(model):
+        ns.enter(e.ns)
+        replica.emit_replica_source(o, e, model)
+    ns.leave()
+    o("// Type records, registered by qualified name when the library is loaded.")
+    for d in order_decls(model):
+        if d.kind == "alias":
+            continue
+        ns.enter(d.ns)
+        if d.kind == "value":
+            o("namespace {")
+            replica.emit_value_record(o, d, model)
+            o("}  // namespace")
+        elif d.kind == "enum":
+            o("namespace {")
+            replica.emit_enum_record(o, d)
+            o("}  // namespace")
+        else:
+            o("namespace {")
+            replica.emit_entity_record(o, d, model)
+            o("}  // namespace")
+        o("")
     ns.leave()
     return o.text()

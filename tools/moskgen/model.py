@@ -6,7 +6,7 @@ BUILTINS = {"bool", "U8", "U16", "U32", "U64", "S8", "S16", "S32", "S64", "doubl
 
 ATTR_FLAGS = {"key", "mutable", "counter", "nonotify", "nullable", "instantiating", "inserting",
               "tree", "array", "hasher", "notifyall", "less", "const", "keyed", "ordefault",
-              "table"}
+              "table", "bykey"}
 
 
 class MoskError(Exception):
@@ -149,6 +149,8 @@ class Attr:
         self.counter = "counter" in flags
         self.nullable = "nullable" in flags
         self.notify = "nonotify" not in flags
+        self.bykey = flags.get("bykey")  # a replicated reference carried as its key in this coll
+        self.pointee = None  # the referenced entity, when declared in the same file
 
 
 class Collection:
@@ -189,6 +191,7 @@ class Entity:
         self.anonymous = False
         self.default_name = None
         self.base = None
+        self.replicated = False
         self.in_tree = False
         self.owners = []
 
@@ -323,7 +326,7 @@ class Parser:
             f = self.next().text
             if f == "array":
                 flags[f] = int(self.next().text)
-            elif f in ("hasher", "less", "keyed"):
+            elif f in ("hasher", "less", "keyed", "bykey"):
                 flags[f] = self.name()
             else:
                 flags[f] = True
@@ -442,9 +445,11 @@ class Parser:
                 ty = Type(self.type_())
                 e.params.append(Param(name, ty, self.flags(), t.line))
                 self.accept(",")
-        while self.peek().text in ("pointer", "anonymous", "extends", "defaultname"):
+        while self.peek().text in ("pointer", "anonymous", "extends", "defaultname", "replicated"):
             word = self.next().text
-            if word == "pointer":
+            if word == "replicated":
+                e.replicated = True
+            elif word == "pointer":
                 e.pointer_interface = True
             elif word == "defaultname":
                 e.default_name = self.string()
@@ -521,8 +526,34 @@ def resolve(model):
                 raise MoskError(f"{model.path}:{c.line}: only value maps look up with ordefault")
 
 
+def resolve_replication(model):
+    """Elements and anonymous pointees of a replicated entity are replicated too."""
+    for e in model.entities():
+        for a in e.attrs:
+            if a.type.is_ptr:
+                target = model.find(a.type.pointee)
+                if target is not None and target.kind == "entity":
+                    a.pointee = target
+            if a.bykey and not any(c.name == a.bykey and c.kind == "entity" for c in e.colls):
+                raise MoskError(f"{model.path}:{a.line}: bykey {a.bykey}: {e.name} has no such "
+                                "collection of entities")
+    changed = True
+    while changed:
+        changed = False
+        for e in model.entities():
+            if not e.replicated:
+                continue
+            targets = [c.elem for c in e.colls if c.elem is not None]
+            targets += [a.pointee for a in e.attrs if a.pointee is not None and not a.bykey]
+            for t in targets:
+                if not t.replicated:
+                    t.replicated = True
+                    changed = True
+
+
 def parse_file(text, path):
     model = Model(path)
     Parser(tokenize(text, path), path).parse(model)
     resolve(model)
+    resolve_replication(model)
     return model

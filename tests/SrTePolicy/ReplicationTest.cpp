@@ -1,0 +1,334 @@
+// Attribute-log forms of the policy value types and replication of the entities that other
+// processes mount: selection input, endpoint-color policies, published status, configuration.
+#include <gtest/gtest.h>
+
+#include <random>
+
+#include "Mosk/Reflection.h"
+#include "SrTePolicy/SrTeColorDscpMap.h"
+#include "SrTePolicy/SrTePolicy.h"
+#include "SrTePolicy/SrTePolicyEntry.h"
+#include "SrTePolicy/SrTePolicyExportTypes.h"
+#include "SrTePolicy/SrTePolicySegmentListStatus.h"
+#include "SrTePolicy/SrTePolicyStatic.h"
+#include "SrTePolicy/SrTePolicyStatus.h"
+
+using namespace SrTePolicy;
+using Ludd::IpAddr;
+using Ludd::IpGenAddr;
+using Ludd::MplsLabel;
+
+namespace {
+
+template <class T>
+void expectRoundTrip(T const& v) {
+  EXPECT_EQ(Mosk::logParse<T>(Mosk::logBytes(v)), v) << Mosk::valueToStrep(v);
+}
+
+template <class T>
+void expectRangeError(std::vector<U8> const& bytes, std::string const& message) {
+  try {
+    (void)Mosk::logParse<T>(bytes);
+    ADD_FAILURE() << "accepted " << message;
+  } catch (Mosk::RangeException const& e) {
+    EXPECT_EQ(e.reason(), message);
+  }
+}
+
+std::vector<U8> words(std::initializer_list<U32> ws) {
+  Mosk::LogWriter w;
+  for (U32 x : ws)
+    w.u32(x);
+  return w.take();
+}
+
+PolicyKey key(U32 color) {
+  return PolicyKey(IpGenAddr(IpAddr::fromU32(0x0a000001)), Color(color));
+}
+
+TEST(ReplicationValues, EveryValueTypeRoundTrips) {
+  // Catches: a value whose attribute-log form loses or reorders a field.
+  expectRoundTrip(Preference(0));
+  expectRoundTrip(Weight(Mosk::maxU32));
+  expectRoundTrip(SegmentListIndex(15));
+  expectRoundTrip(PolicyId::make(PolicySource::sourcePcep, 77));
+  expectRoundTrip(SegmentListId(9));
+  expectRoundTrip(SegmentId(4));
+  expectRoundTrip(PolicySource::sourceOther);
+  expectRoundTrip(SegmentType::segMplsLabel);
+  expectRoundTrip(PolicyKey(IpGenAddr::parse("2001:db8::1"), Color(5)));
+  expectRoundTrip(PolicyKey());
+  expectRoundTrip(PolicyEcpKey(IpGenAddr::parse("10.0.0.2"), Color(3), Preference(7)));
+  expectRoundTrip(BsidKeyedPolicy(MplsLabel(900), key(4)));
+  expectRoundTrip(Priority(Preference(200), PolicySource::sourceBgp, IpAddr::fromU32(7), 9));
+  expectRoundTrip(WeightedSegList(Weight(3), Ludd::MplsLabelOperation{16001, 16002, 16003}));
+  expectRoundTrip(WeightedSegmentList(Tunnel::TunnelTable::TunnelId(1ull << 44), Weight(2)));
+  expectRoundTrip(PendingIdBookmark(false, 12));
+  expectRoundTrip(PendingKeyBookmark(false, key(8)));
+  expectRoundTrip(Export::Segment(MplsLabel(3)));
+  expectRoundTrip(Qos::Dscp(Qos::Dscp::invalid));
+  PolicyInputEntry entry(PolicyId(5));
+  entry.segmentListPush(WeightedSegList(Weight(2), Ludd::MplsLabelOperation{100}));
+  entry.segmentListPush(WeightedSegList(Weight(1), Ludd::MplsLabelOperation{}));
+  expectRoundTrip(entry);
+}
+
+TEST(ReplicationValues, PriorityIsFourNetworkOrderWords) {
+  // Catches: a byte order or field order other than preference, source, routerId, id.
+  Priority p(Preference(0x01020304), PolicySource::sourcePcep, IpAddr::fromU32(0x0a0b0c0d), 7);
+  EXPECT_EQ(Mosk::logBytes(p), words({0x01020304, 2, 0x0a0b0c0d, 7}));
+}
+
+TEST(ReplicationValues, ReadingRunsTheRangeChecks) {
+  // Catches: a range check skipped on reading (each value below is refused by construction).
+  expectRangeError<Weight>(words({0}), "Weight::value < Weight::min or > Weight::max not allowed");
+  expectRangeError<SegmentListIndex>(
+      words({16}),
+      "SegmentListIndex::value < SegmentListIndex::min or > SegmentListIndex::max not allowed");
+  expectRangeError<Qos::Dscp>({65}, "Dscp::value < Dscp::min or > Dscp::invalid not allowed");
+  expectRangeError<PolicySource>(words({4}), "PolicySource value 4 not allowed");
+  expectRangeError<MplsLabel>(words({0x100001}),
+                              "MplsLabel::value < MplsLabel::min or > MplsLabel::max not allowed");
+  expectRangeError<Ludd::MplsLabelOperation>(
+      {7},
+      "MplsStackEntryIndex::value < MplsStackEntryIndex::min or > "
+      "MplsStackEntryIndex::max not allowed");
+  expectRangeError<Tunnel::TunnelTable::TunnelId>(
+      {0, 1, 0, 0, 0, 0, 0, 0},
+      "TunnelId::value < TunnelId::minValue or > TunnelId::maxValue not allowed");
+  // A weight of zero inside a composite names the field.
+  try {
+    (void)Mosk::logParse<WeightedSegmentList>({0, 0, 0, 0, 0, 0, 0, 1, /* weight */ 0, 0, 0, 0});
+    ADD_FAILURE() << "weight 0 accepted";
+  } catch (Mosk::RangeException const& e) {
+    EXPECT_EQ(e.attribute(), "weight");
+  }
+  // Sixteen segment lists at most in an input record.
+  PolicyInputEntry entry(PolicyId(5));
+  std::vector<U8> bytes = Mosk::logBytes(entry);
+  bytes[4 + 1 + 4 + 4 + 4 + 4 + 3] = 17;  // key, empty endpoint, color, preference, routerId, bsid
+  EXPECT_THROW(Mosk::logParse<PolicyInputEntry>(bytes), Mosk::RangeException);
+}
+
+// The text of every attribute of an entity and of its elements, through reflection.
+std::string dump(Mosk::Entity const& e, char const* type) {
+  Mosk::TypeRecord const* rec = Mosk::typeRecord(type);
+  EXPECT_NE(rec, nullptr) << type;
+  std::string out = std::string(type) + "\n";
+  for (auto const& a : rec->attributes()) {
+    if (a.kind == Mosk::AttributeKind::reference) continue;
+    out += std::string(a.name) + "=" + rec->attributeText(&e, a.id) + "\n";
+  }
+  return out;
+}
+
+std::string dumpEcPolicy(EcPolicy const& ec) {
+  std::string out = dump(ec, "SrTePolicy::EcPolicy");
+  for (auto p = ec.policyIterConst(); p; ++p) {
+    out += dump(*p, "SrTePolicy::Policy");
+    out += "active=" + (p->active() ? Mosk::valueToStrep(p->active()->priority()) : "none") + "\n";
+    for (auto c = p->candidateIterConst(); c; ++c)
+      out += dump(*c, "SrTePolicy::PolicyEntry");
+  }
+  return out;
+}
+
+template <class E>
+struct Replica {
+  Mosk::Ptr<E> source;
+  Mosk::Ptr<Mosk::LogAdapter> adapter;
+  Mosk::Ptr<E> copy;
+  Mosk::Ptr<Mosk::LogMount> mount;
+  explicit Replica(Mosk::Ptr<E> s, Mosk::Ptr<E> c)
+      : source(std::move(s)),
+        adapter(Mosk::logAdapterFactory(Mosk::constPtr(source))),
+        copy(std::move(c)),
+        mount(Mosk::logMountFactory(copy, "SrTePolicyAgent")) {
+    adapter->activate();
+    mount->apply(adapter->snapshot());
+  }
+  void flush() {
+    auto log = adapter->flush();
+    if (!log.empty()) mount->apply(log);
+  }
+};
+
+Priority prio(U32 pref, U32 id) {
+  return Priority(Preference(pref), PolicySource::sourceBgp, IpAddr::fromU32(1), id);
+}
+
+TEST(ReplicationEntities, EcPolicyCarriesActiveAsTheKeyOfItsCandidate) {
+  // Catches: an active reference that does not land on the copy's own candidate, or survives
+  // the candidate it names.
+  Replica<EcPolicy> r(ecPolicyFactory("ec"), ecPolicyFactory("ec"));
+  auto policy = r.source->policyIs(key(1));
+  auto best = policy->candidateIs(prio(200, 1));
+  best->wSegmentListIs(SegmentListId(3),
+                       WeightedSegmentList(Tunnel::TunnelTable::TunnelId(11), Weight(2)));
+  policy->candidateIs(prio(100, 2))->bindingSidIs(MplsLabel(500));
+  policy->activeIs(best);
+  r.flush();
+  auto copied = r.copy->policy(key(1));
+  ASSERT_TRUE(copied && copied->active());
+  EXPECT_EQ(copied->active().ptr(), copied->candidate(prio(200, 1)).ptr());
+  EXPECT_EQ(dumpEcPolicy(*r.copy), dumpEcPolicy(*r.source));
+
+  policy->activeIs(nullptr);
+  policy->candidateDel(prio(200, 1));
+  policy->activeIs(policy->candidate(prio(100, 2)));
+  r.flush();
+  EXPECT_EQ(dumpEcPolicy(*r.copy), dumpEcPolicy(*r.source));
+  EXPECT_EQ(r.copy->policy(key(1))->active()->bindingSid(), MplsLabel(500));
+}
+
+TEST(ReplicationEntities, MountedEcPolicyRefusesWrites) {
+  // Catches: a reader process that changes the published selection.
+  Replica<EcPolicy> r(ecPolicyFactory("ec"), ecPolicyFactory("EcPolicy"));
+  r.source->policyIs(key(2))->candidateIs(prio(100, 1));
+  r.flush();
+  try {
+    r.copy->policy(key(2))->candidate(prio(100, 1))->bindingSidIs(MplsLabel(1));
+    ADD_FAILURE() << "write accepted";
+  } catch (Mosk::InternalException const& e) {
+    std::string name = r.copy->policy(key(2))->candidate(prio(100, 1))->fullName();
+    EXPECT_EQ(std::string(e.what()),
+              "write-update from readonly proxy: " + name + " peerName: SrTePolicyAgent");
+  }
+  EXPECT_THROW(r.copy->policyDel(key(2)), Mosk::InternalException);
+}
+
+TEST(ReplicationEntities, RandomSelectionHistoryKeepsTheCopyEqual) {
+  // Catches: a lost mark in the ordered candidate map or in the per-candidate segment lists.
+  std::mt19937 rng(7);
+  auto pick = [&](U32 n) { return static_cast<U32>(rng() % n); };
+  Replica<EcPolicy> r(ecPolicyFactory("ec"), ecPolicyFactory("ec"));
+  for (int step = 0; step < 2000; ++step) {
+    auto policy = r.source->policyIs(key(pick(4)));
+    Priority p = prio(100 * (pick(3) + 1), pick(3));
+    switch (pick(6)) {
+      case 0:
+        if (policy->active() && policy->active()->priority() == p) policy->activeIs(nullptr);
+        policy->candidateDel(p);
+        break;
+      case 1:
+        policy->activeIs(policy->candidate(p));
+        break;
+      case 2:
+        policy->candidateIs(p)->bindingSidIs(MplsLabel(pick(3)));
+        break;
+      case 3:
+        policy->candidateIs(p)->wSegmentListDel(SegmentListId(pick(3)));
+        break;
+      case 4:
+        if (!policy->active()) r.source->policyDel(policy->key());
+        break;
+      default:
+        policy->candidateIs(p)->wSegmentListIs(
+            SegmentListId(pick(3)),
+            WeightedSegmentList(Tunnel::TunnelTable::TunnelId(pick(4)), Weight(pick(3) + 1)));
+    }
+    if (pick(8) == 0) {
+      r.flush();
+      ASSERT_EQ(dumpEcPolicy(*r.copy), dumpEcPolicy(*r.source)) << "after step " << step;
+    }
+  }
+}
+
+TEST(ReplicationEntities, PublishedAndConfiguredModelsFollowTheirSource) {
+  // Catches: a replicated model whose collections, element parameters or referenced sets do
+  // not reach the copy.
+  Replica<PolicyStatus> status(policyStatusFactory(), policyStatusFactory());
+  auto entry = status.source->statusIs(key(3));
+  auto vias = weightedViaSetFactory();
+  vias->weightedViaIs(Tunnel::TunnelTable::TunnelId(5), Weight(3));
+  entry->weightedViaSetIs(vias);
+  entry->srTePolicyFecIdIs(Fib::FecId(0xf000000000000007ull));
+  status.source->fecIdToPolicyKeyIs(Fib::FecId(0xf000000000000007ull), key(3));
+  status.flush();
+  auto copied = status.copy->status(key(3));
+  ASSERT_TRUE(copied && copied->weightedViaSet());
+  EXPECT_EQ(copied->weightedViaSet()->weightedVia(Tunnel::TunnelTable::TunnelId(5)), Weight(3));
+  EXPECT_TRUE(copied->weightedViaSet()->readOnlyReplica());
+
+  Replica<PolicySelectionInput> input(policySelectionInputFactory("in"),
+                                      policySelectionInputFactory("in"));
+  auto e = input.source->policyIdEntryIs(7, key(1), Preference(10), PolicySource::sourceBgp,
+                                         IpAddr::fromU32(1));
+  input.flush();
+  e->preferenceIs(Preference(20));  // a mutable constructor argument, sent as a delta
+  e->wSegmentListIs(SegmentListId(2), Weight(4));
+  input.flush();
+  EXPECT_EQ(input.copy->policyIdEntry(7)->preference(), Preference(20));
+  EXPECT_EQ(input.copy->policyIdEntry(7)->wSegmentList(SegmentListId(2)), Weight(4));
+
+  Replica<SegmentListStatus> lists(segmentListStatusFactory("sl"), segmentListStatusFactory("sl"));
+  lists.source->statusIs(SegmentListId(1), Tunnel::TunnelTable::TunnelId(8));
+  lists.flush();
+  lists.source->statusDel(SegmentListId(1));
+  lists.source->statusIs(SegmentListId(1), Tunnel::TunnelTable::TunnelId(9));
+  lists.flush();  // a fixed argument changed: the element is rebuilt
+  EXPECT_EQ(lists.copy->status(SegmentListId(1))->tunnelId(), Tunnel::TunnelTable::TunnelId(9));
+
+  Replica<Config> config(configFactory("cfg"), configFactory("cfg"));
+  auto sp = config.source->policyIs(key(4));
+  sp->candidatePathIs(Preference(50))
+      ->segmentListIs(Ludd::MplsLabelOperation{16001, 16002}, Weight(2));
+  config.source->bsidPolicyIs(BsidKeyedPolicy(MplsLabel(900), key(4)));
+  config.source->enabledIs(true);
+  config.flush();
+  auto cp = config.copy->policy(key(4))->candidatePath(Preference(50));
+  ASSERT_TRUE(cp);
+  EXPECT_EQ(cp->segmentList(Ludd::MplsLabelOperation{16001, 16002}), Weight(2));
+  EXPECT_EQ(config.copy->bsidPolicy(MplsLabel(900))->key(), key(4));
+  config.source->bsidPolicyDel(MplsLabel(900));
+  config.flush();
+  EXPECT_FALSE(config.copy->bsidPolicy(MplsLabel(900)));
+
+  Replica<ColorDscpMap> dscp(colorDscpMapFactory("m"), colorDscpMapFactory("m"));
+  dscp.source->colorToDscpIs(Color(5))->dscpIs(Qos::Dscp(46), true);
+  dscp.flush();
+  EXPECT_TRUE(dscp.copy->colorToDscp(Color(5))->dscp(Qos::Dscp(46)));
+
+  Replica<Export::SegmentListCollection> exp(Export::segmentListCollectionFactory("x"),
+                                             Export::segmentListCollectionFactory("x"));
+  auto sl = exp.source->segmentListIs(SegmentListId(3));
+  sl->sizeIs(1);
+  sl->segmentIs(Ludd::MplsStackEntryIndex(0), Export::Segment(MplsLabel(16)));
+  exp.flush();
+  EXPECT_EQ(exp.copy->segmentList(SegmentListId(3))->segment(Ludd::MplsStackEntryIndex(0)),
+            Export::Segment(MplsLabel(16)));
+
+  Replica<Status> agent(statusFactory("s"), statusFactory("s"));
+  agent.source->agentEnabledIs(true);
+  auto log = agent.adapter->flush();
+  EXPECT_EQ(log.size(), Mosk::LogHeader::size + 2 + 1 + 1) << "one attribute, one flag";
+  agent.mount->apply(log);
+  EXPECT_TRUE(agent.copy->agentEnabled());
+}
+
+TEST(ReplicationReflection, ModelTypesAndMachinesAreRegisteredByName) {
+  // Catches: a model type or machine missing from the registry, or attributes misnamed.
+  for (char const* name :
+       {"SrTePolicy::Status", "SrTePolicy::Config", "SrTePolicy::StaticPolicy",
+        "SrTePolicy::CandidatePath", "SrTePolicy::ColorDscpMap", "SrTePolicy::DscpList",
+        "SrTePolicy::Priority", "SrTePolicy::PolicySource", "SrTePolicy::EcPolicy",
+        "SrTePolicy::PolicySelectionSm", "SrTePolicy::SegmentListSm"}) {
+    EXPECT_NE(Mosk::typeRecord(name), nullptr) << name;
+  }
+  EXPECT_NO_THROW(Mosk::typeRecord("SrTePolicy::StaticPolicy")->attribute("candidatePath"));
+  EXPECT_NO_THROW(Mosk::typeRecord("SrTePolicy::Config")->attribute("bsidPolicy"));
+  EXPECT_NO_THROW(Mosk::typeRecord("SrTePolicy::DscpList")->attribute("cliSaveUseSymbolic_"));
+  auto handlers = Mosk::typeRecord("SrTePolicy::PolicyPublishSm")->handlerNames();
+  EXPECT_NE(std::find(handlers.begin(), handlers.end(), "handleInitialized"), handlers.end());
+
+  Mosk::TypeRecord const* status = Mosk::typeRecord("SrTePolicy::Status");
+  auto s = status->construct({"status"});
+  status->attributeTextIs(s.ptr(), status->attribute("agentEnabled").id, "True");
+  EXPECT_TRUE(Mosk::ptrCast<Status>(s)->agentEnabled());
+  Mosk::TypeRecord const* weight = Mosk::typeRecord("SrTePolicy::Weight");
+  EXPECT_THROW(weight->fromRaw(0), Mosk::RangeException);
+  std::any p = Mosk::typeRecord("SrTePolicy::Priority")->fromText(Mosk::valueToStrep(prio(5, 6)));
+  EXPECT_EQ(std::any_cast<Priority>(p), prio(5, 6));
+}
+
+}  // namespace
