@@ -9,6 +9,9 @@
 //
 // LocalTable keeps records in fixed slots (SlotStore: chunks that never move), so a writer may
 // fill a stored record in place and then commit it, and a key index maps each key to its slot.
+// A LocalTable may instead mount a table kept elsewhere (a TableMount, such as a reader of a table
+// in shared memory, ShmTable.h): its reads then go to the mount and its writing operations raise,
+// since the writer of such a table is another process.
 // Notification is the owning entity's part: a generated `table` collection (docs/moskgen.md)
 // tells its notifiees of every change after the table has stored it.
 //
@@ -25,6 +28,7 @@
 
 #include "Mosk/Exception.h"
 #include "Mosk/HashMap.h"
+#include "Mosk/Ptr.h"
 #include "Mosk/Value.h"
 
 namespace Skerry {
@@ -55,6 +59,10 @@ class TableReader {
   // True once the table has been found damaged: a reader stops walking it.
   virtual bool corrupt() const = 0;
 };
+
+// A reader that a LocalTable can mount and keep alive (counted).
+template <class Key, class Record>
+class TableMount : public TableReader<Key, Record>, public Mosk::PtrInterface {};
 
 // A checked copy of `key`'s record, or nothing when absent. Raises what the record's
 // validation raises.
@@ -130,21 +138,25 @@ class SlotStore {
   U32 used_ = 0;
 };
 
-// The in-process table: records in stable slots, a hash index from key to slot.
+// The in-process table: records in stable slots, a hash index from key to slot; or, once a mount
+// is set, a read-only view of that mount. The corrupt flag is the table's own either way: a
+// mount reports damage to whoever owns it, which marks the table.
 template <class Key, class Record>
 class LocalTable final : public TableReader<Key, Record> {
   static_assert(std::is_trivially_copyable_v<Record>,
                 "table records must be plain bytes so that they can live in shared memory");
 
  public:
-  U32 count() const override { return index_.size(); }
+  U32 count() const override { return mount_ ? mount_->count() : index_.size(); }
   bool copyOut(Key const& key, Record& out) const override {
+    if (mount_) return mount_->copyOut(key, out);
     U32 const* slot = index_.find(key);
     if (slot == nullptr) return false;
     std::memcpy(static_cast<void*>(&out), &records_.at(*slot), sizeof(Record));
     return true;
   }
   bool keyAfter(Key const* after, Key& out) const override {
+    if (mount_) return mount_->keyAfter(after, out);
     auto c = after ? index_.cursorAt(*after) : index_.cursor();
     if (c && after && c.key() == *after) ++c;
     if (!c) return false;
@@ -154,11 +166,17 @@ class LocalTable final : public TableReader<Key, Record> {
   bool corrupt() const override { return corrupt_; }
   void corruptIs(bool corrupt) { corrupt_ = corrupt; }
 
+  // Reads go to `mount` from now on (null: back to the table's own records, which a mount
+  // leaves as they were). Whoever mounts tells the table's watchers what changed.
+  void mountIs(Mosk::Ptr<TableMount<Key, Record> const> mount) { mount_ = std::move(mount); }
+  Mosk::Ptr<TableMount<Key, Record> const> const& mount() const { return mount_; }
+
   Record const* find(Key const& key) const {
     U32 const* slot = index_.find(key);
     return slot ? &records_.at(*slot) : nullptr;
   }
   Record* find(Key const& key) {
+    writable();
     U32 const* slot = index_.find(key);
     return slot ? &records_.at(*slot) : nullptr;
   }
@@ -198,6 +216,7 @@ class LocalTable final : public TableReader<Key, Record> {
     if (stored != &record) *stored = record;
   }
   bool erase(Key const& key) {
+    writable();
     U32 const* slot = index_.find(key);
     if (slot == nullptr) return false;
     U32 freed = *slot;
@@ -206,13 +225,23 @@ class LocalTable final : public TableReader<Key, Record> {
     return true;
   }
   void clear() {
+    writable();
     index_.clear();
     records_.clear();
   }
 
  private:
+  // A mounted table is written by its own writer, never through this view.
+  void writable() const {
+    if (mount_) {
+      throw Mosk::InternalException(
+          "the table is mounted read-only from another writer; write it there");
+    }
+  }
+
   Mosk::HashMap<Key, U32> index_;
   SlotStore<Record> records_;
+  Mosk::Ptr<TableMount<Key, Record> const> mount_;
   bool corrupt_ = false;
 };
 
