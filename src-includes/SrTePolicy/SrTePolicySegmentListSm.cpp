@@ -3,8 +3,6 @@
 
 #include "SrTePolicy/SrTePolicySegmentListSm.h"
 
-#include <vector>
-
 #include "Flicker/Flicker.h"
 #include "Mosk/Reflection.h"
 
@@ -79,8 +77,6 @@ SegmentListSm::SegmentListSm(Mosk::Ptr<NotifyingSegmentListCollection const> not
   segmentListReactor_->notifierIs(notifyingSegmentList_);
   segmentStatusReactor_ = new SegmentStatusReactor(this);
   segmentStatusReactor_->notifierIs(segmentStatus_);
-  mplsReactor_ = new MplsReactor(this);
-  mplsReactor_->notifierIs(mplsStatus_);
 }
 
 SegmentListSm::~SegmentListSm() {
@@ -96,37 +92,19 @@ void SegmentListSm::statusIs(SegmentId segmentId, Mosk::Ptr<SegmentResolve const
   if (Mosk::Ptr<StatusReactor> const* existing = status_.find(segmentId)) {
     // The entry may have been replaced by another object of the same key.
     if ((*existing)->notifier() != resolve) (*existing)->notifierIs(resolve);
-    indexAdjacency(**existing);
     return;
   }
   Mosk::Ptr<StatusReactor> watcher(new StatusReactor(this, segmentId));
   watcher->notifierIs(resolve);
   status_.set(segmentId, watcher);
-  indexAdjacency(*watcher);
 }
 
 void SegmentListSm::statusDel(SegmentId segmentId) {
-  if (Mosk::Ptr<StatusReactor> const* watcher = status_.find(segmentId)) {
-    indexAdjacency(**watcher, true);
-  }
   status_.erase(segmentId);
 }
 
 void SegmentListSm::statusDelAll() {
   status_.clear();
-  byAdjacency_.clear();
-}
-
-void SegmentListSm::indexAdjacency(StatusReactor& watcher, bool drop) {
-  auto entry = [&watcher](Mpls::AdjacencyKey const& key) {
-    return std::make_tuple(key.index(), key.kind() == Mpls::AdjacencyKind::extFec,
-                           watcher.segmentId());
-  };
-  if (watcher.indexed) byAdjacency_.erase(entry(*watcher.indexed));
-  watcher.indexed.reset();
-  if (drop || !watcher.notifier()) return;
-  watcher.indexed = watcher.notifier()->adjKey();
-  byAdjacency_.insert(entry(*watcher.indexed));
 }
 
 Mosk::Ptr<SegmentResolve const> SegmentListSm::status(SegmentId segmentId) const {
@@ -144,17 +122,6 @@ void SegmentListSm::statusWatch(SegmentId segmentId) {
 }
 
 // Handlers.
-
-void SegmentListSm::handleAdjacency(U64 index, bool extFec) {
-  if (!initialized_) return;
-  std::vector<SegmentId> segments;
-  for (auto it = byAdjacency_.lower_bound(std::make_tuple(index, extFec, SegmentId()));
-       it != byAdjacency_.end() && std::get<0>(*it) == index && std::get<1>(*it) == extFec; ++it) {
-    segments.push_back(std::get<2>(*it));
-  }
-  for (SegmentId const& id : segments)
-    handleSegmentStatus(id);
-}
 
 void SegmentListSm::handleInitialized() {
   if (initialized_) return;

@@ -18,19 +18,9 @@
 //
 // At start-up the machine throws away what an earlier instance wrote (tunnel entries, then
 // status records) and queues every live list.
-//
-// A segment's status names an adjacency only by its key, so the machine also watches the
-// adjacencies of the MPLS status: when one is rewritten in place (new vias under the same
-// index) or removed, every list whose top segment resolves through it is queued again, as for
-// a status change. An index from adjacency to the segments resolved through it keeps this
-// proportional to the segments concerned.
 #pragma once
 
 #include "SrTePolicy/SrTePolicyStateMachine.h"
-
-#include <optional>
-#include <set>
-#include <tuple>
 
 #include "MplsHelper/IndexAllocators.h"
 #include "Skerry/ForwardingStatus.h"
@@ -107,9 +97,6 @@ class SegmentListSm : public StateMachine {
   void handleSegmentList(Mosk::Ptr<SegmentListLifeTimeNotifier const> const& notifier);
   // A segment's resolution changed: queues every list that holds it and schedules the task.
   void handleSegmentStatus(SegmentId segmentId);
-  // The LFIB adjacency (or, with `extFec`, the external FEC adjacency) `index` changed or went
-  // away: handles a status change of every segment resolved through it.
-  void handleAdjacency(U64 index, bool extFec);
   // One slice: resolves queued lists until the task is told to yield; reschedules when work is
   // left.
   void handleTaskRun();
@@ -164,28 +151,11 @@ class SegmentListSm : public StateMachine {
   class StatusReactor : public SegmentResolve::NotifieeConst {
    public:
     StatusReactor(SegmentListSm* sm, SegmentId segmentId) : sm_(sm), segmentId_(segmentId) {}
-    void onAdjKey() override {
-      sm_->indexAdjacency(*this);
-      sm_->handleSegmentStatus(segmentId_);
-    }
-    SegmentId segmentId() const { return segmentId_; }
-    // The adjacency under which the segment is indexed, if any.
-    std::optional<Mpls::AdjacencyKey> indexed;
+    void onAdjKey() override { sm_->handleSegmentStatus(segmentId_); }
 
    private:
     SegmentListSm* const sm_;
     SegmentId const segmentId_;
-  };
-
-  // Watches the adjacencies of the MPLS status.
-  class MplsReactor : public Mpls::Status::NotifieeConst {
-   public:
-    explicit MplsReactor(SegmentListSm* sm) : sm_(sm) {}
-    void onLfibAdjacency(U64 const& index) override { sm_->handleAdjacency(index, false); }
-    void onLfibExtFecAdjacency(U64 const& index) override { sm_->handleAdjacency(index, true); }
-
-   private:
-    SegmentListSm* const sm_;
   };
 
   class TaskReactor : public Vell::Task::NotifieeConst {
@@ -199,9 +169,6 @@ class SegmentListSm : public StateMachine {
 
   // Keeps the watcher of `segmentId` in step with SegmentStatus.
   void statusWatch(SegmentId segmentId);
-  // Files the segment of `watcher` under the adjacency its status now names (and no longer
-  // under the one before); with `drop`, under none.
-  void indexAdjacency(StatusReactor& watcher, bool drop = false);
   // Appends the next hops of the LFIB adjacency `index` to `viaSet`.
   void addAdjacencyVias(U64 index, Ludd::MplsLabelOperation const& lStack,
                         MplsViaSet& viaSet) const;
@@ -228,10 +195,6 @@ class SegmentListSm : public StateMachine {
   Mosk::Ptr<Vell::Task> task_;
   Mosk::HashMap<Mosk::Ptr<SegmentList const>, bool, SegmentListPtrHash> pendingSegmentList_;
   Mosk::HashMap<SegmentId, Mosk::Ptr<StatusReactor>> status_;
-  // (adjacency index, external FEC adjacency, segment): the segments resolved through each
-  // adjacency, for the watched statuses.
-  std::set<std::tuple<U64, bool, SegmentId>> byAdjacency_;
-  Mosk::Ptr<MplsReactor> mplsReactor_;
   Mosk::Ptr<SegmentListReactor> segmentListReactor_;
   Mosk::Ptr<SegmentStatusReactor> segmentStatusReactor_;
   Mosk::Ptr<TaskReactor> taskReactor_;

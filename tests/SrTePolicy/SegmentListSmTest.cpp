@@ -210,42 +210,6 @@ TEST_F(SegmentListSmTest, ReResolutionKeepsTheTunnelIdAndTheTunnelIsWrittenFirst
   order->notifierIs(nullptr);
 }
 
-// Faults (found by the restart-equivalence test): an adjacency rewritten in place under the
-// same index, or removed, left the lists resolved through it on their old next hops until
-// something else touched them, so a restarted machine and an uninterrupted one disagreed; an
-// external FEC adjacency pointed at another FEC likewise; an unrelated adjacency queueing work.
-TEST_F(SegmentListSmTest, AdjacenciesRewrittenInPlaceAreFollowed) {
-  sm->handleInitialized();
-  adjacency(5, {mplsVia(eth1, "10.0.0.2", 900)});
-  adjacency(6, {mplsVia(eth1, "10.0.0.9", 901)});
-  resolve(100, adj(5));
-  Ptr<SegmentList> l = list({100, 200});
-  TunnelId const first = tid(l);
-  adjacency(6, {mplsVia(eth2, "10.0.7.2", 902)});
-  EXPECT_EQ(sm->pendingSegmentListCount(), 0u) << "no list resolves through adjacency 6";
-  adjacency(5, {mplsVia(eth2, "10.0.1.2", 900)});
-  scheduler->runDue();
-  EXPECT_EQ(vias(l), (Vias{via("10.0.1.2", eth2, {200, 900})}));
-  EXPECT_EQ(tid(l), first);
-  resolve(100, adj(6));
-  scheduler->runDue();
-  lfib->lfibAdjacencyDel(5);
-  EXPECT_EQ(sm->pendingSegmentListCount(), 0u) << "the list left adjacency 5";
-  lfib->lfibAdjacencyDel(6);
-  scheduler->runDue();
-  EXPECT_FALSE(tid(l).isValid());
-
-  ::Fib::FecId a = ::Fib::FecId::fecIdForAdjType(0, 7), b = ::Fib::FecId::fecIdForAdjType(0, 8);
-  fec(*fib4, a, "10.0.0.2", "10.0.0.3");
-  fec(*fib4, b, "10.0.5.2", "10.0.5.3");
-  lfib->lfibExtFecAdjacencyIs(40, a, MplsLabelAction::actionNone);
-  resolve(101, adj(40, Mpls::AdjacencyKind::extFec));
-  Ptr<SegmentList> e = list({101, 200});
-  lfib->lfibExtFecAdjacencyIs(40, b, MplsLabelAction::actionNone);
-  scheduler->runDue();
-  EXPECT_EQ(vias(e), (Vias{via("10.0.5.2", eth1, {200}), via("10.0.5.3", eth2, {200})}));
-}
-
 // Faults: a slice that ignores the yield, a list processed in two slices or dropped, a run
 // that processes nothing.
 TEST_F(SegmentListSmTest, SlicesEndAtTheYieldAndEveryQueuedListRunsOnce) {
