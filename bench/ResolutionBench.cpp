@@ -2,8 +2,7 @@
 // label moves to another adjacency. Measured from the route change to the drained segment-list
 // task: the segment state machine rewrites one status entry, the segment-list state machine
 // queues every list that holds the segment and re-resolves each one into its tunnel entry.
-// The split benchmarks time the queueing alone and one list's resolution alone; another times
-// the same re-resolution when the route's adjacency is rewritten in place.
+// The split benchmarks time the queueing alone and one list's resolution alone.
 #include <benchmark/benchmark.h>
 
 #include <vector>
@@ -109,23 +108,6 @@ void BM_ReResolveListsAfterTopLabelRouteChange(benchmark::State& state) {
   state.SetItemsProcessed(static_cast<int64_t>(state.iterations()) * kLists);
 }
 BENCHMARK(BM_ReResolveListsAfterTopLabelRouteChange)->Unit(benchmark::kMillisecond);
-
-// The same reaction when the adjacency that the route uses gets new vias in place (same
-// index): found through the segment-list machine's index from adjacency to segments.
-void BM_ReResolveListsAfterAdjacencyRewrittenInPlace(benchmark::State& state) {
-  Pipeline p;
-  U32 label = 900;
-  for (auto _ : state) {
-    label = label == 900 ? 950 : 900;
-    Mpls::ViaSet vias{Mpls::Via(IntfId(IntfId::Kind::ethernet, 10), IpGenAddr::parse("10.0.0.2"),
-                                Ludd::MplsLabelAction::actionSwap, MplsLabel(label))};
-    p.lfib->lfibAdjacencyIs(1, Mpls::LfibAdjacency(vias));
-    p.scheduler->runDue();
-  }
-  if (p.listStatus->statusCount() != kLists) state.SkipWithError("lists did not resolve");
-  state.SetItemsProcessed(static_cast<int64_t>(state.iterations()) * kLists);
-}
-BENCHMARK(BM_ReResolveListsAfterAdjacencyRewrittenInPlace)->Unit(benchmark::kMillisecond);
 
 // The queueing alone: the route change up to 10,000 pending lists (the queue is then dropped
 // by a route change back and a drain, outside the timing).

@@ -143,20 +143,18 @@ class Scenario {
     policy->candidatePathIs(preference)->segmentListIs(stack(), Weight(1 + pick(2)));
   }
 
-  // The route of a top label, over one of a few next hops (a move when it exists already):
-  // either the adjacency it uses is rewritten in place, or a new adjacency comes and the route
-  // is switched to it, the old one going afterwards.
+  // The route of a top label, over one of a few next hops (a move when it exists already).
+  // As the platform does, new vias come as a new adjacency that the route is switched to, and
+  // the old adjacency goes afterwards: an adjacency is never rewritten in place.
   void routeUp() {
     U32 const label = 16001 + pick(kTopLabels);
     Mpls::RouteKey const key(MplsLabel(label), Mpls::LFib::Source(2));
-    Mpls::LFib::Route const old = agent_.mplsStatus()->lfibRoute(key);
-    bool const inPlace = old != Mpls::LFib::Route() && pick(2) == 0;
-    U64 const adjacency = inPlace ? old.adjacencyKey().index() : nextAdjacency_++;
+    U64 const adjacency = nextAdjacency_++;
     Mpls::ViaSet vias{Mpls::Via(IntfId(IntfId::Kind::ethernet, 1 + pick(3)),
                                 IpGenAddr::parse(kNextHops[pick(4)]),
                                 Ludd::MplsLabelAction::actionSwap, MplsLabel(label))};
     agent_.mplsStatus()->lfibAdjacencyIs(adjacency, Mpls::LfibAdjacency(vias));
-    if (inPlace) return;
+    Mpls::LFib::Route const old = agent_.mplsStatus()->lfibRoute(key);
     agent_.mplsStatus()->lfibRouteIs(
         Mpls::LFib::Route(key, Mpls::AdjacencyKey(adjacency, Mpls::AdjacencyKind::adjacency),
                           Mpls::LFib::RouteType::label, Mpls::LFib::Source(2), 0, {}));
