@@ -76,23 +76,30 @@ void checkRecord(Table const& table, PolicyId const& id) {
   Fuzz::check(again == *record, "a record handed out is not in its checked form");
 }
 
-void walk(Table const& table, U32 slotLimit) {
+// The geometry the reader attached with.
+struct Attached {
+  U32 capacity;
+  U32 slotLimit;
+};
+
+void walk(Table const& table, Attached const& at) {
+  U32 const slotLimit = at.slotLimit;
   U32 steps = 0;
   for (Skerry::KeyCursor<PolicyId, PolicyInputEntry> c(table); c; ++c) {
     Fuzz::check(++steps <= 2 * slotLimit, "a walk that does not end");
     checkRecord(table, c.key());
   }
-  Fuzz::check(table.count() <= 8, "a count above the capacity");
+  Fuzz::check(table.count() <= at.capacity, "a count above the capacity");
   if (table.corrupt()) {
     Fuzz::check(!Skerry::KeyCursor<PolicyId, PolicyInputEntry>(table),
                 "a corrupt table is still walked");
   }
 }
 
-void poll(Table& table, U32 slotLimit) {
+void poll(Table& table, Attached const& at) {
   bool const corrupt = table.corrupt();
   for (U32 round = 0;; ++round) {
-    Fuzz::check(round <= slotLimit, "polls that never run dry");
+    Fuzz::check(round <= at.slotLimit, "polls that never run dry");
     Skerry::ShmPollResult const r =
         table.poll([&](PolicyId const& id) { checkRecord(table, id); }, 4);
     Fuzz::check(!corrupt || r.changed == 0, "a corrupt table still reports changes");
@@ -126,14 +133,15 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
   } catch (Skerry::ShmTableException const&) {
     return 0;
   }
-  U32 const slotLimit = reinterpret_cast<Skerry::detail::ShmHeader const*>(bytes)->slotLimit;
-  walk(*table, slotLimit);
-  poll(*table, slotLimit);
+  auto const* header = reinterpret_cast<Skerry::detail::ShmHeader const*>(bytes);
+  Attached const at{header->capacity, header->slotLimit};
+  walk(*table, at);
+  poll(*table, at);
   while (size >= 3) {
     for (int n = 0; n < 4 && size >= 3; ++n)
       edit();
-    poll(*table, slotLimit);
-    walk(*table, slotLimit);
+    poll(*table, at);
+    walk(*table, at);
   }
   return 0;
 }
