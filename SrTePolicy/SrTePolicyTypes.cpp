@@ -115,7 +115,11 @@ void PolicyInputEntry::validateRead() {
     WeightedSegList list = segmentList_.at(SegmentListIndex(i));
     (void)Weight(list.weight().value());  // range-checks the raw weight
     Ludd::MplsLabelOperation stack = list.segList();
-    stack.normalize();
+    try {
+      stack.validateRead();
+    } catch (Mosk::RangeException const& e) {
+      throw Mosk::RangeException(e.reason(), "segmentList." + std::to_string(i) + ".segList");
+    }
     list.segListIs(stack);
     segmentList_.set(SegmentListIndex(i), list);
   }

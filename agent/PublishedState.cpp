@@ -26,6 +26,50 @@ std::string tunnelText(SrTePolicyAgent const& agent, Tunnel::TunnelTable::Tunnel
   return out + "}";
 }
 
+// The tables as a whole, so that what no policy accounts for shows too: every binding-SID
+// route with the policy whose FEC it leads to, the number of FECs and of external FEC
+// adjacencies, every tunnel, and every exported segment list by its labels.
+std::string tablesText(SrTePolicyAgent const& agent) {
+  std::map<Fib::FecId, std::string> policyByFec;
+  for (auto it = agent.policyStatus()->statusIterConst(); it; ++it) {
+    std::ostringstream os;
+    os << it->key().endpoint() << " color " << it->key().color();
+    policyByFec[it->srTePolicyFecId()] = os.str();
+  }
+  std::ostringstream os;
+  std::vector<std::string> lines;
+  Mosk::Ptr<Mpls::Status> lfib = agent.bsidLfib();
+  for (auto r = lfib->lfibRouteIter(); r; ++r) {
+    std::ostringstream line;
+    line << "route " << r.key().topLabel() << " -> ";
+    auto adj = lfib->lfibExtFecAdjacency(Mpls::Status::getExtFecAdjacency(r.value()));
+    auto policy = adj ? policyByFec.find(adj->fecId()) : policyByFec.end();
+    line << (policy == policyByFec.end() ? std::string("no policy") : policy->second);
+    lines.push_back(line.str());
+  }
+  std::sort(lines.begin(), lines.end());
+  for (auto const& l : lines)
+    os << l << "\n";
+  os << "fecs " << agent.srteFwdStatus()->fecCount() << ", external fec adjacencies "
+     << lfib->lfibExtFecAdjacencyCount() << "\n";
+  lines.clear();
+  for (auto t = agent.tunnelTable()->entryIter(); t; ++t)
+    lines.push_back("tunnel " + tunnelText(agent, t.key()));
+  for (auto l = agent.exportedSegmentLists()->segmentListIterConst(); l; ++l) {
+    std::ostringstream line;
+    line << "exported [";
+    for (U32 i = 0; i < l->size(); ++i) {
+      auto segment = l->segment(Ludd::MplsStackEntryIndex(i));
+      line << (i ? ", " : "") << (segment ? Mosk::valueToStrep(*segment) : "?");
+    }
+    lines.push_back(line.str() + "]");
+  }
+  std::sort(lines.begin(), lines.end());
+  for (auto const& l : lines)
+    os << l << "\n";
+  return os.str();
+}
+
 }  // namespace
 
 std::string publishedState(SrTePolicyAgent const& agent) {
@@ -66,6 +110,7 @@ std::string publishedState(SrTePolicyAgent const& agent) {
   std::string out;
   for (auto const& [key, text] : byKey)
     out += text;
+  out += tablesText(agent);
   return out;
 }
 

@@ -11,7 +11,7 @@ bool isAddrChar(char c) {
   return std::isxdigit(static_cast<unsigned char>(c)) || c == '.' || c == ':';
 }
 
-// Reads four decimal octets; returns false on any malformation.
+// Reads four decimal octets without leading zeros; returns false on any malformation.
 bool parseV4(std::string_view text, std::array<U8, 4>& out) {
   std::size_t pos = 0;
   for (int i = 0; i < 4; ++i) {
@@ -26,7 +26,8 @@ bool parseV4(std::string_view text, std::array<U8, 4>& out) {
       v = v * 10 + static_cast<U32>(text[pos] - '0');
       ++pos;
     }
-    if (pos == start || v > 255) return false;
+    // "010" is refused rather than read as ten: other readers take a leading zero for octal.
+    if (pos == start || v > 255 || (pos - start > 1 && text[start] == '0')) return false;
     out[i] = static_cast<U8>(v);
   }
   return pos == text.size();

@@ -24,7 +24,8 @@ class IpAddr {
   constexpr IpAddr() = default;
   // From a host-order 32-bit value (1.2.3.4 is 0x01020304).
   static IpAddr fromU32(U32 hostOrder);
-  // Parses dotted-quad text; a malformed address raises the parse error.
+  // Parses dotted-quad text (decimal octets, no leading zeros); a malformed address raises the
+  // parse error.
   static IpAddr parse(std::string_view text);
 
   U32 toU32() const;

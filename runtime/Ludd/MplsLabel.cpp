@@ -45,6 +45,13 @@ bool MplsLabelOperation::normalize() {
   return ok;
 }
 
+void MplsLabelOperation::validateRead() {
+  if (size_ > capacity) (void)MplsStackEntryIndex(size_ - 1);  // raises the range error
+  for (U32 i = 0; i < size_; ++i)
+    (void)MplsLabel(labels_[i]);  // raises the range error
+  normalize();
+}
+
 bool MplsLabelOperation::operator==(MplsLabelOperation const& o) const {
   return size_ == o.size_ &&
          std::equal(std::begin(labels_), std::end(labels_), std::begin(o.labels_));

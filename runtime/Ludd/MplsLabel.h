@@ -63,9 +63,11 @@ class MplsLabelOperation {
   void sizeIs(U32 size);
   MplsLabel label(MplsStackEntryIndex const& i) const { return MplsLabel(labels_[i.value()]); }
   MplsLabel label(U32 i) const { return label(MplsStackEntryIndex(i)); }
-  // Writes one position; the size is not changed.
+  // Writes one position; writing at or past the size extends the size to i + 1 (positions
+  // skipped on the way hold the no-label value), so the invariant below holds after any write.
   void labelIs(MplsStackEntryIndex const& i, MplsLabel const& label) {
     labels_[i.value()] = label.value();
+    if (i.value() >= size_) size_ = i.value() + 1;
   }
   // Writes the position at the current size and grows the size by one.
   void push(MplsLabel const& label);
@@ -73,6 +75,11 @@ class MplsLabelOperation {
   // Restores the invariant on a record copied in from outside (positions above the size reset,
   // a size above six clamped); returns false when the record was malformed.
   bool normalize();
+  // Checks a record copied in from outside and restores the invariant: a size above six raises
+  // the stack-index range error and a label above the no-label value the label range error
+  // (neither is repaired, since the stack would then say something the writer did not); what
+  // lies above the size and the reserved words are cleared.
+  void validateRead();
 
   bool operator==(MplsLabelOperation const& o) const;
   // Shorter stacks first, then position by position.

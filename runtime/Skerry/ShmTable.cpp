@@ -138,11 +138,30 @@ ShmSegment ShmSegment::openReader(std::string const& name) {
   return s;
 }
 
+ShmSegment ShmSegment::openBuffer(std::string const& name, U8 const* base, U64 size) {
+  ShmSegment s;
+  s.name_ = name;
+  if (size < headerBytes) throw ShmTableException("table '" + name + "' is not initialised yet");
+  // Only read through the reader's const paths; the mapping of a reader is read-only too.
+  s.base_ = const_cast<U8*>(base);
+  s.size_ = size;
+  s.borrowed_ = true;
+  if (loadAcquire(s.header().magic) == 0) {
+    throw ShmTableException("table '" + name + "' is not initialised yet");
+  }
+  return s;
+}
+
 ShmSegment::ShmSegment(ShmSegment&& other) noexcept
-    : name_(std::move(other.name_)), fd_(other.fd_), base_(other.base_), size_(other.size_) {
+    : name_(std::move(other.name_)),
+      fd_(other.fd_),
+      base_(other.base_),
+      size_(other.size_),
+      borrowed_(other.borrowed_) {
   other.fd_ = -1;
   other.base_ = nullptr;
   other.size_ = 0;
+  other.borrowed_ = false;
 }
 
 ShmSegment& ShmSegment::operator=(ShmSegment&& other) noexcept {
@@ -152,6 +171,7 @@ ShmSegment& ShmSegment::operator=(ShmSegment&& other) noexcept {
     std::swap(fd_, other.fd_);
     std::swap(base_, other.base_);
     std::swap(size_, other.size_);
+    std::swap(borrowed_, other.borrowed_);
   }
   return *this;
 }
@@ -161,11 +181,12 @@ ShmSegment::~ShmSegment() {
 }
 
 void ShmSegment::close() noexcept {
-  if (base_) ::munmap(base_, size_);
+  if (base_ && !borrowed_) ::munmap(base_, size_);
   if (fd_ >= 0) ::close(fd_);  // releases the writer's lock
   base_ = nullptr;
   fd_ = -1;
   size_ = 0;
+  borrowed_ = false;
 }
 
 bool ShmSegment::removed() const {

@@ -150,6 +150,10 @@ class ShmSegment {
   static ShmSegment openWriter(std::string const& name, ShmGeometry const& geometry, bool& created);
   // A reader's view: read-only. Raises when there is no such table or it is not initialised.
   static ShmSegment openReader(std::string const& name);
+  // A reader's view of a segment that the caller keeps in memory (a copy of a table, a test's or
+  // a fuzzer's bytes), 8-byte aligned; raises as openReader for bytes too short for a header or
+  // not initialised. The caller keeps the bytes while the segment is in use.
+  static ShmSegment openBuffer(std::string const& name, U8 const* base, U64 size);
 
   ShmSegment() = default;
   ShmSegment(ShmSegment&& other) noexcept;
@@ -178,6 +182,7 @@ class ShmSegment {
   int fd_ = -1;
   U8* base_ = nullptr;
   U64 size_ = 0;
+  bool borrowed_ = false;  // the caller's bytes, not a mapping of ours
 };
 
 template <class T>
@@ -524,13 +529,10 @@ class ShmTableReader final : public TableMount<Key, Record> {
   // changes from now on. Raises ShmTableException when there is no such table or its header does
   // not describe this record type. Damage in the slots leaves the reader corrupt instead.
   explicit ShmTableReader(std::string const& name)
-      : segment_(detail::ShmSegment::openReader(name)) {
-    slots_.bind(segment_.base(), segment_.check(sizeof(Record), sizeof(Key), Slots::hashOf(Key{})));
-    header_ = segment_.header();
-    U64 const start = detail::loadAcquire(slots_.header()->changes);
-    walk(*known_);
-    cursor_ = start;
-  }
+      : ShmTableReader(detail::ShmSegment::openReader(name)) {}
+  // Attaches to a table's segment kept in memory by the caller, as ShmSegment::openBuffer.
+  ShmTableReader(std::string const& name, U8 const* base, U64 size)
+      : ShmTableReader(detail::ShmSegment::openBuffer(name, base, size)) {}
 
   std::string const& name() const { return segment_.name(); }
 
@@ -629,6 +631,14 @@ class ShmTableReader final : public TableMount<Key, Record> {
   }
 
  private:
+  explicit ShmTableReader(detail::ShmSegment segment) : segment_(std::move(segment)) {
+    slots_.bind(segment_.base(), segment_.check(sizeof(Record), sizeof(Key), Slots::hashOf(Key{})));
+    header_ = segment_.header();
+    U64 const start = detail::loadAcquire(slots_.header()->changes);
+    walk(*known_);
+    cursor_ = start;
+  }
+
   // Takes what the ring says changed (or, when the reader was lapped, what a walk finds) and
   // queues each key whose record differs from the one last reported.
   void fill(ShmPollResult& result, U32 maxKeys) {

@@ -144,14 +144,25 @@ void PolicyInputSm::handleSource() {
       Mosk::Ptr<PolicyInput const> table = source.value();
       // The cursor stops once the table service reports the table corrupt.
       for (auto key = table->policyInputEntryIter(); key; ++key)
-        handlePolicyEntry(key.key());
+        handlePolicyEntryInPass(key.key());
     }
   }
   SRTE_TRACE(inputSmTrace, 9, "Source change: cleanup of stale policies");
   // The cursor holds the entry under it, and finds its place again after that entry is gone.
   for (auto entry = policySelectionInput_->policyIdEntryIter(); entry; ++entry) {
     U32 id = static_cast<U32>(entry->source()) << 30 | (entry->id() & PolicyId::indexMask);
-    handlePolicyEntry(PolicyId(id));
+    handlePolicyEntryInPass(PolicyId(id));
+  }
+}
+
+// A record refused while walking a whole table (a malformed record, an id whose key changed)
+// must not keep the other candidates out, nor keep the machine from starting: its candidate is
+// left as it was, and the walk goes on. Outside a walk the error reaches the caller.
+void PolicyInputSm::handlePolicyEntryInPass(PolicyId const& policyId) {
+  try {
+    handlePolicyEntry(policyId);
+  } catch (Mosk::Exception const& e) {
+    SRTE_TRACE(inputSmTrace, 4, "Policy Entry: " << policyId << " refused: " << e.what());
   }
 }
 

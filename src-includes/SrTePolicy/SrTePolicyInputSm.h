@@ -89,7 +89,8 @@ class PolicyInputSm : public StateMachine {
   void handleInitialized();
   // Full resynchronisation: handles every key of every source's table (a table found corrupt
   // ends its own walk), then every candidate the selection input holds, which removes those
-  // whose input record is gone.
+  // whose input record is gone. A record refused with a runtime error is skipped (traced at
+  // level 4, its candidate left as it was); the pass itself does not raise.
   void handleSource();
   // Brings the candidate of `policyId` in line with the record that the source named by the
   // id's top two bits holds: creates or updates it, or removes it when there is no record. A
@@ -142,6 +143,8 @@ class PolicyInputSm : public StateMachine {
   using StaleSet = boost::container::small_flat_set<SegmentListId, 16>;
 
   void removePolicyEntry(PolicyId const& policyId);
+  // handlePolicyEntry within a full pass: a refusal is traced and skipped.
+  void handlePolicyEntryInPass(PolicyId const& policyId);
   // Attaches a reactor to every source present and drops those of sources that are gone.
   void syncPolicyReactors();
 

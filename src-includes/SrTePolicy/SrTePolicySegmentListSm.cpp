@@ -3,9 +3,8 @@
 
 #include "SrTePolicy/SrTePolicySegmentListSm.h"
 
-#include "Mosk/Reflection.h"
-
 #include "Flicker/Flicker.h"
+#include "Mosk/Reflection.h"
 
 namespace SrTePolicy {
 

@@ -3,6 +3,7 @@
 // and one scenario per fault that the walk would find only by chance.
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <map>
 #include <random>
 #include <set>
@@ -387,6 +388,25 @@ TEST_F(PolicyInputSmTest, FullPassStopsAtACorruptTableOnly) {
   EXPECT_EQ(binary, 1u);
   EXPECT_EQ(psi->policyIdEntryCount(), 1u);
   EXPECT_FALSE(sm->policy(kPcep));
+}
+
+// Faults: one malformed record (found by fuzzing: a zero weight written by another process)
+// failing the whole full pass, so that the machine could not start and the candidates behind
+// it were never read; the record half applied. A change notified outside a pass still raises.
+TEST_F(PolicyInputSmTest, FullPassSkipsARefusedRecord) {
+  PolicyId good = PolicyId::make(kBgp, 1), bad = PolicyId::make(kBgp, 2);
+  table(kBgp)->policyInputEntryIs(record(good, 1, {{1, {16001}}}));
+  PolicyInputEntry raw = record(bad, 2, {{1, {16002}}});
+  U32 zero = 0;
+  std::memcpy(reinterpret_cast<U8*>(&raw) + 44, &zero, 4);  // the first list's weight
+  table(kBgp)->policyInputEntryIs(raw);
+  ASSERT_NO_THROW(start());
+  EXPECT_TRUE(psi->policyIdEntry(good.value()));
+  EXPECT_FALSE(psi->policyIdEntry(bad.value()));
+  EXPECT_EQ(users->segmentListUserCount(), 1u);
+  EXPECT_THROW(table(kBgp)->policyInputEntryNotify(bad), Mosk::RangeException);
+  ASSERT_NO_THROW(sources->policyInputNotify(kBgp));
+  EXPECT_EQ(psi->policyIdEntryCount(), 1u);
 }
 
 // Faults: a source added behind an inactive input reactor left without its policy reactor; a

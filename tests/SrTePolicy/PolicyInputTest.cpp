@@ -146,6 +146,29 @@ TEST(PolicyInputEntry, ReadingValidatesAndNormalises) {
   EXPECT_THROW(PolicyInputEntry::deserialize(bytes.data(), 84), Mosk::RangeException);
 }
 
+// Faults: a stack of more than six labels cut down to six, or a label above the no-label value
+// replaced, so that the candidate would forward over a stack its writer never gave.
+TEST(PolicyInputEntry, ReadingRefusesAMalformedLabelStack) {
+  std::array<U8, 700> bytes{};
+  entry(2).serialize(bytes.data());
+  U32 const sizeOffset = 44 + 40 + 4 + 6 * 4;  // the size word of the second list's stack
+  U32 seven = 7;
+  std::memcpy(bytes.data() + sizeOffset, &seven, 4);
+  try {
+    PolicyInputEntry::deserialize(bytes.data(), 124);
+    FAIL() << "a stack of seven labels was read";
+  } catch (Mosk::RangeException const& e) {
+    EXPECT_EQ(e.attribute(), "segmentList.1.segList");
+    EXPECT_EQ(e.reason(),
+              "MplsStackEntryIndex::value < MplsStackEntryIndex::min or > "
+              "MplsStackEntryIndex::max not allowed");
+  }
+  U32 two = 2, tooLarge = 0x100001;
+  std::memcpy(bytes.data() + sizeOffset, &two, 4);
+  std::memcpy(bytes.data() + sizeOffset - 5 * 4, &tooLarge, 4);  // the second list's label 1
+  EXPECT_THROW(PolicyInputEntry::deserialize(bytes.data(), 124), Mosk::RangeException);
+}
+
 struct InputWatcher : PolicyInput::NotifieeConst {
   std::vector<PolicyId> keys;
   U32 idx = 0, whole = 0, corrupt = 0;

@@ -21,6 +21,18 @@ TEST(LuddIpAddr, ParsesPrintsAndOrdersNumerically) {
   }
 }
 
+// Catches a leading zero read as decimal: "010.0.0.1" is 8.0.0.1 to readers that take it for
+// octal, so it is refused in every form that holds an IPv4 address (found by fuzzing).
+TEST(LuddIpAddr, RefusesOctetsWithLeadingZeros) {
+  for (char const* bad : {"010.0.0.1", "1.2.3.04", "00.0.0.0"}) {
+    EXPECT_THROW(IpAddr::parse(bad), Mosk::ParseException) << bad;
+    EXPECT_THROW(IpGenAddr::parse(bad), Mosk::ParseException) << bad;
+  }
+  EXPECT_THROW(IpGenAddr::parse("::ffff:05.0.0.1"), Mosk::ParseException);
+  EXPECT_EQ(IpAddr::parse("0.0.0.0"), IpAddr());
+  EXPECT_EQ(IpAddr::parse("100.0.10.0").toU32(), 0x64000A00u);
+}
+
 TEST(LuddIpGenAddr, RoundTripsBothFamiliesAndTheEmptyAddress) {
   for (char const* text : {"none", "192.0.2.1", "2001:db8::1", "::", "::1", "fe80::1:2:3:4",
                            "2001:db8:0:1:1:1:1:1", "1::"}) {
@@ -70,6 +82,20 @@ TEST(LuddMplsLabelOperation, ShrinkingClearsPositionsAboveTheSize) {
   EXPECT_EQ(a.hash(), b.hash());
   EXPECT_TRUE(a.label(2).isNone());
   EXPECT_NE(MplsLabelOperation({16001, 16002}), MplsLabelOperation({16002, 16001}));
+}
+
+// Catches a label written past the size and left outside it: such a stack printed as a shorter
+// one yet compared unequal to it, and hashed differently (found by fuzzing).
+TEST(LuddMplsLabelOperation, WritingPastTheSizeExtendsTheStack) {
+  MplsLabelOperation op{16001};
+  op.labelIs(MplsStackEntryIndex(3), MplsLabel(17));
+  EXPECT_EQ(op.size(), 4);
+  MplsLabelOperation const expected{16001, 1048576, 1048576, 17};
+  EXPECT_EQ(op, expected);
+  EXPECT_EQ(op.hash(), expected.hash());
+  EXPECT_EQ(Mosk::parse<MplsLabelOperation>(Mosk::valueToStrep(op)), op);
+  op.labelIs(MplsStackEntryIndex(1), MplsLabel(20));
+  EXPECT_EQ(op.size(), 4);
 }
 
 TEST(LuddMplsLabelOperation, RoundTripsAndNormalizesForeignRecords) {

@@ -8,9 +8,11 @@
 #include <unistd.h>
 
 #include <cstddef>
+#include <cstring>
 #include <map>
 #include <random>
 #include <set>
+#include <vector>
 
 #include "Skerry/ShmTable.h"
 
@@ -346,6 +348,42 @@ TEST_F(ShmTableTest, ReaderSeesItsTableRemoved) {
   Writer(name).put(rec(2, 0));
   EXPECT_TRUE(r.removed()) << "the new table is another segment";
   EXPECT_FALSE(Reader(name).removed());
+}
+
+TEST_F(ShmTableTest, ReaderAttachesToACopyKeptInMemory) {
+  // Catches: a reader of the caller's bytes that unmaps them when it goes, reads past the bytes
+  // it was given, or skips the header checks of a named attach.
+  {
+    Writer w(name, {16, 16});
+    for (U32 k = 1; k <= 5; ++k)
+      w.put(rec(k, k));
+  }
+  U8 const* shared = raw();
+  U64 const size = reinterpret_cast<detail::ShmHeader const*>(shared)->segmentSize;
+  std::vector<U64> bytes(size / 8);
+  std::memcpy(bytes.data(), shared, size);
+  U8 const* base = reinterpret_cast<U8 const*>(bytes.data());
+  {
+    Reader r("copy", base, size);
+    EXPECT_EQ(r.count(), 5u);
+    U32 walked = 0;
+    for (KeyCursor<U32, Rec> c(r); c; ++c) {
+      Rec out;
+      ASSERT_TRUE(r.copyOut(c.key(), out));
+      EXPECT_EQ(out, rec(c.key(), c.key()));
+      ++walked;
+    }
+    EXPECT_EQ(walked, 5u);
+  }
+  try {
+    Reader r("copy", base, size - 8);
+    ADD_FAILURE() << "a segment cut short was attached";
+  } catch (ShmTableException const& e) {
+    EXPECT_EQ(std::string(e.what()), "table 'copy': segment of " + std::to_string(size - 8) +
+                                         " bytes, its header needs " + std::to_string(size));
+  }
+  EXPECT_THROW(Reader("copy", base, sizeof(detail::ShmHeader) - 1), ShmTableException);
+  bytes.assign(bytes.size(), 1);  // still mapped and ours once the reader is gone
 }
 
 }  // namespace

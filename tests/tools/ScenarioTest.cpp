@@ -53,6 +53,9 @@ TEST(ScenarioReader, RefusesReferencesToWhatEarlierStepsRemoved) {
             "configuration: give static policies under \"config\"");
   EXPECT_EQ(refusal(R"("steps": [{"advance": 1, "show": true}])"),
             "steps[0]: a step does one thing: both \"advance\" and \"show\"");
+  // Found by fuzzing: a number too large for a double escaped as the JSON library's own error.
+  EXPECT_EQ(refusal(R"("steps": [{"advance": 1e400}])"),
+            ": not valid JSON: number overflow parsing '1e400'");
 }
 
 // Catches: ids handed out twice (an automatic id landing on one given by hand), and a change

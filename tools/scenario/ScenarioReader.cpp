@@ -83,7 +83,9 @@ class Node {
   }
   // Refuses every field not in `allowed`, naming the field's own path.
   void allowOnly(std::initializer_list<char const*> allowed) const {
-    for (auto const& [key, v] : value_.items()) {
+    for (auto const& item : value_.items()) {
+      // A plain variable, not a structured binding: clang before 16 cannot capture those.
+      std::string const& key = item.key();
       bool known =
           std::any_of(allowed.begin(), allowed.end(), [&key](char const* a) { return key == a; });
       if (known) continue;
@@ -840,7 +842,8 @@ Scenario readScenarioText(std::string const& text, std::string const& fileName) 
   Json doc;
   try {
     doc = Json::parse(text);
-  } catch (Json::parse_error const& e) {
+  } catch (Json::exception const& e) {
+    // A syntax error, or a number no double holds (an out_of_range error, not a parse error).
     std::string what = e.what();
     // "[json.exception.parse_error.101] parse error at line 3, column 5: ..."
     auto pos = what.find("] ");
