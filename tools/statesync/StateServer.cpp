@@ -46,8 +46,7 @@ void clearStalePath(asio::io_context& io, std::string const& path) {
 
 StateServer::StateServer(asio::io_context& io, std::string path, ServedState const& served,
                          ServerOptions options)
-    : io_(io),
-      path_(std::move(path)),
+    : path_(std::move(path)),
       options_(options),
       feeds_(feedsOf(served)),
       acceptor_(io),

@@ -60,7 +60,6 @@ class StateServer {
   void readNext(std::shared_ptr<Session> const& s);
   void drop(U64 id);
 
-  boost::asio::io_context& io_;
   std::string path_;
   ServerOptions options_;
   std::array<std::unique_ptr<Feed>, kChannels> feeds_;
