@@ -419,6 +419,9 @@ struct MountedState::FecSink final : Sink {
     auto decoded = readKeyedBody<Fib::FecId, Fib::Fec>(
         body, size, [](LogReader& r) { return Mosk::logReadField<Fib::FecId>(r, "fecId"); },
         [](LogReader& r, Fib::FecId const& id) {
+          // The table refuses to store a FEC under the empty id: refuse it before anything of
+          // the body is stored.
+          if (id.isNone()) r.fail("a FEC under the empty FecId");
           Fib::Fec fec(id);
           U32 n = r.u32("via count");
           if (n > Fib::Fec::maxVias) r.fail("via count " + std::to_string(n));
