@@ -17,6 +17,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "Scenario.h"
 #include "SrTePolicy/SrTePolicyInputShm.h"
 
 using namespace SrTePolicy;
@@ -154,29 +155,9 @@ WeightedSegList segmentListOf(std::string const& text) {
 }
 
 PolicySource sourceOf(std::string const& text) {
-  static std::map<std::string, PolicySource> const names = {{"static", PolicySource::sourceStatic},
-                                                            {"bgp", PolicySource::sourceBgp},
-                                                            {"pcep", PolicySource::sourcePcep},
-                                                            {"other", PolicySource::sourceOther}};
-  auto it = names.find(text);
-  if (it == names.end()) {
-    badInput("--source: '" + text + "' is not a source (static, bgp, pcep or other)");
-  }
-  return it->second;
-}
-
-char const* sourceName(PolicySource s) {
-  switch (s) {
-    case PolicySource::sourceStatic:
-      return "static";
-    case PolicySource::sourceBgp:
-      return "bgp";
-    case PolicySource::sourcePcep:
-      return "pcep";
-    case PolicySource::sourceOther:
-      return "other";
-  }
-  return "?";
+  std::optional<PolicySource> source = SrTeScenario::sourceByName(text);
+  if (!source) badInput("--source: '" + text + "' is not a source (static, bgp, pcep or other)");
+  return *source;
 }
 
 // The fields of one candidate path as given; unset ones keep the stored (or default) value.
@@ -404,7 +385,7 @@ Json jsonOf(PolicyInputEntry const& e) {
 std::string textOf(PolicyInputEntry const& e) {
   std::ostringstream os;
   os << "id " << e.key().index() << " (policy id " << e.key().value() << ", "
-     << sourceName(e.key().source()) << "): endpoint " << e.endpoint() << " color "
+     << SrTeScenario::sourceName(e.key().source()) << "): endpoint " << e.endpoint() << " color "
      << e.color().value() << " preference " << e.preference().value() << " router-id "
      << e.routerId() << " binding-sid ";
   if (e.bindingSid().isNone()) {
@@ -448,7 +429,8 @@ class Session {
     for (auto const& [id, e] : records_) {
       if (id.source() != source_) {
         refused("table '" + table_ + "' holds candidate paths of source " +
-                sourceName(id.source()) + ", not " + sourceName(source_));
+                SrTeScenario::sourceName(id.source()) + ", not " +
+                SrTeScenario::sourceName(source_));
       }
     }
   }
