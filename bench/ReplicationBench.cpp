@@ -3,35 +3,20 @@
 // the bytes that go on the wire for it.
 #include <benchmark/benchmark.h>
 
-#include "SrTePolicy/SrTePolicyEntry.h"
+#include "EcPolicyChange.h"
 
 using namespace SrTePolicy;
 
 namespace {
 
-PolicyKey policyKey(U32 i) {
-  return PolicyKey(Ludd::IpGenAddr(Ludd::IpAddr::fromU32(0x0a000000 + i)), Color(i % 7));
-}
-
-Priority priority(U32 pref, U32 id) {
-  return Priority(Preference(pref), PolicySource::sourceBgp, Ludd::IpAddr::fromU32(1), id);
-}
+using SrTeBench::policyKey;
+using SrTeBench::priority;
 
 // Each iteration switches one policy between its two candidates and updates a segment list's
 // weight, as a selection run does, then flushes and applies the log to the mounted copy.
 void BM_ReplicateOnePolicyChange(benchmark::State& state) {
   U32 n = static_cast<U32>(state.range(0));
-  auto source = ecPolicyFactory("EcPolicy");
-  for (U32 i = 0; i < n; ++i) {
-    auto policy = source->policyIs(policyKey(i));
-    for (U32 c = 0; c < 2; ++c) {
-      auto entry = policy->candidateIs(priority(100 + c, i * 2 + c));
-      entry->bindingSidIs(Ludd::MplsLabel(1000 + i));
-      entry->wSegmentListIs(SegmentListId(i),
-                            WeightedSegmentList(Tunnel::TunnelTable::TunnelId(i + 1), Weight(1)));
-    }
-    policy->activeIs(policy->candidate(priority(101, i * 2 + 1)));
-  }
+  auto source = SrTeBench::ecPolicyOfTwoCandidates(n);
   auto adapter = Mosk::logAdapterFactory(Mosk::constPtr(source));
   adapter->activate();
   auto copy = ecPolicyFactory("EcPolicy");
@@ -40,14 +25,7 @@ void BM_ReplicateOnePolicyChange(benchmark::State& state) {
   U32 i = 0;
   U64 bytes = 0;
   for (auto _ : state) {
-    U32 k = (i * 7919) % n;
-    auto policy = source->policy(policyKey(k));
-    bool onSecond = policy->active()->priority().preference() == Preference(101);
-    auto next = onSecond ? policy->candidate(priority(100, k * 2))
-                         : policy->candidate(priority(101, k * 2 + 1));
-    next->wSegmentListIs(SegmentListId(k), WeightedSegmentList(Tunnel::TunnelTable::TunnelId(k + 1),
-                                                               Weight(i % 5 + 1)));
-    policy->activeIs(next);
+    SrTeBench::changeOnePolicy(*source, n, i);
     std::vector<U8> log = adapter->flush();
     bytes += log.size();
     mount->apply(log);

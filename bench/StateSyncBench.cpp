@@ -7,6 +7,7 @@
 #include <benchmark/benchmark.h>
 #include <unistd.h>
 
+#include "EcPolicyChange.h"
 #include "StateClient.h"
 #include "StateServer.h"
 
@@ -14,30 +15,14 @@ using namespace SrTePolicy;
 
 namespace {
 
-PolicyKey policyKey(U32 i) {
-  return PolicyKey(Ludd::IpGenAddr(Ludd::IpAddr::fromU32(0x0a000000 + i)), Color(i % 7));
-}
-
-Priority priority(U32 pref, U32 id) {
-  return Priority(Preference(pref), PolicySource::sourceBgp, Ludd::IpAddr::fromU32(1), id);
-}
+using SrTeBench::policyKey;
 
 // Each iteration switches one policy between its two candidates and updates a segment list's
 // weight, as a selection run does (the same change as ReplicationBench), publishes, and runs
 // the loop until the reader has applied it.
 void BM_ReplicateOnePolicyChangeOverSocket(benchmark::State& state) {
   U32 n = static_cast<U32>(state.range(0));
-  auto source = ecPolicyFactory("EcPolicy");
-  for (U32 i = 0; i < n; ++i) {
-    auto policy = source->policyIs(policyKey(i));
-    for (U32 c = 0; c < 2; ++c) {
-      auto entry = policy->candidateIs(priority(100 + c, i * 2 + c));
-      entry->bindingSidIs(Ludd::MplsLabel(1000 + i));
-      entry->wSegmentListIs(SegmentListId(i),
-                            WeightedSegmentList(Tunnel::TunnelTable::TunnelId(i + 1), Weight(1)));
-    }
-    policy->activeIs(policy->candidate(priority(101, i * 2 + 1)));
-  }
+  auto source = SrTeBench::ecPolicyOfTwoCandidates(n);
   boost::asio::io_context io;
   std::string path = "/tmp/srte-statesync-bench-" + std::to_string(::getpid()) + ".sock";
   SrTeStateSync::ServedState served;
@@ -53,25 +38,18 @@ void BM_ReplicateOnePolicyChangeOverSocket(benchmark::State& state) {
     io.run_one();
 
   U32 i = 0;
+  PolicyKey last = policyKey(0);
   U64 bytesBefore = server.bytesSent();
   for (auto _ : state) {
-    U32 k = (i * 7919) % n;
-    auto policy = source->policy(policyKey(k));
-    bool onSecond = policy->active()->priority().preference() == Preference(101);
-    auto next = onSecond ? policy->candidate(priority(100, k * 2))
-                         : policy->candidate(priority(101, k * 2 + 1));
-    next->wSegmentListIs(SegmentListId(k), WeightedSegmentList(Tunnel::TunnelTable::TunnelId(k + 1),
-                                                               Weight(i % 5 + 1)));
-    policy->activeIs(next);
+    last = SrTeBench::changeOnePolicy(*source, n, i);
     U64 seen = changes;
     server.publish();
     while (changes == seen)
       io.run_one();
     ++i;
   }
-  auto copy = client.state().ecPolicy()->policy(policyKey(((i - 1) * 7919) % n));
-  if (!copy || copy->active()->priority() !=
-                   source->policy(policyKey(((i - 1) * 7919) % n))->active()->priority()) {
+  auto copy = client.state().ecPolicy()->policy(last);
+  if (!copy || copy->active()->priority() != source->policy(last)->active()->priority()) {
     state.SkipWithError("the reader's copy does not hold the last change");
   }
   state.counters["bytes"] =
