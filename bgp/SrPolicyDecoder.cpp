@@ -34,31 +34,44 @@ struct MpNlri {
   char const* name = "";
 };
 
-// A sub-TLV's type and value within [at, end); false when its header or length does not fit.
+// A sub-TLV's type and value within [at, end). False when its header or length does not fit;
+// `out` then holds the type, and `length` what the sub-TLV claims (0 for a header cut short).
 struct SubTlv {
   U8 type;
   std::size_t length;
   U8 const* value;
+  std::size_t left;  // octets after the header (or in all, for a header cut short)
 };
-bool readSubTlv(U8 const* p, std::size_t& at, std::size_t end, SubTlv& out, Problem& problem,
-                char const* where, unsigned index) {
-  U8 const type = p[at];
-  std::size_t const header = type < 128 ? 2 : 3;
+bool readSubTlv(U8 const* p, std::size_t& at, std::size_t end, SubTlv& out) {
+  out.type = p[at];
+  std::size_t const header = out.type < 128 ? 2 : 3;
   if (end - at < header) {
-    problem.at("%s.sub-tlv[%u]", where, index)
-        .because("sub-TLV header of type %u cut short: %zu octets left", type, end - at);
+    out.length = 0;
+    out.left = end - at;
     return false;
   }
-  std::size_t const length = type < 128 ? p[at + 1] : get16(p + at + 1);
-  if (length > end - at - header) {
-    problem.at("%s.sub-tlv[%u]", where, index)
-        .because("sub-TLV type %u of length %zu overruns the %zu octets left", type, length,
-                 end - at - header);
-    return false;
-  }
-  out = SubTlv{type, length, p + at + header};
-  at += header + length;
+  out.length = out.type < 128 ? p[at + 1] : get16(p + at + 1);
+  out.left = end - at - header;
+  if (out.length > out.left) return false;
+  out.value = p + at + header;
+  at += header + out.length;
   return true;
+}
+
+// The problem of a sub-TLV that readSubTlv refused: the `index`th in `where` (with the list's
+// index when `list` is not negative).
+void framing(Problem& problem, SubTlv const& s, char const* where, int list, unsigned index) {
+  if (list >= 0) {
+    problem.at("%s.segment-list[%d].sub-tlv[%u]", where, list, index);
+  } else {
+    problem.at("%s.sub-tlv[%u]", where, index);
+  }
+  if (s.length == 0) {
+    problem.because("sub-TLV header of type %u cut short: %zu octets left", s.type, s.left);
+  } else {
+    problem.because("sub-TLV type %u of length %zu overruns the %zu octets left", s.type, s.length,
+                    s.left);
+  }
 }
 
 }  // namespace
@@ -449,7 +462,10 @@ class Decoding {
     unsigned lists = 0, written = 0;
     SubTlv s;
     for (std::size_t at = 0, i = 0; at < n; ++i) {
-      if (!readSubTlv(p, at, n, s, problem_, policyTlv, static_cast<unsigned>(i))) return false;
+      if (!readSubTlv(p, at, n, s)) {
+        framing(problem_, s, policyTlv, -1, static_cast<unsigned>(i));
+        return false;
+      }
       switch (s.type) {
         case subPreference:
           if (!fixedLength(s, 6, "preference")) return false;
@@ -543,19 +559,18 @@ class Decoding {
           .because("Segment List sub-TLV without its reserved octet");
       return false;
     }
-    char where[64];
-    std::snprintf(where, sizeof where, "%s.segment-list[%u]", policyTlv, index);
     U32 weight = 0, labels = 0, otherType = 0;
     bool weighted = false;
     Ludd::MplsLabelOperation stack;
     SubTlv seg;
     for (std::size_t at = 1, i = 0; at < s.length; ++i) {
-      if (!readSubTlv(s.value, at, s.length, seg, problem_, where, static_cast<unsigned>(i))) {
+      if (!readSubTlv(s.value, at, s.length, seg)) {
+        framing(problem_, seg, policyTlv, static_cast<int>(index), static_cast<unsigned>(i));
         return false;
       }
       if (seg.type == segWeight) {
         if (seg.length != 6) {
-          problem_.at("%s.weight", where)
+          problem_.at("%s.segment-list[%u].weight", policyTlv, index)
               .because("Weight sub-TLV of length %zu; 6 expected", seg.length);
           return false;
         }
@@ -563,7 +578,7 @@ class Decoding {
         weighted = true;
       } else if (seg.type == segTypeA) {
         if (seg.length != 6) {
-          problem_.at("%s.segment[%u]", where, labels)
+          problem_.at("%s.segment-list[%u].segment[%u]", policyTlv, index, labels)
               .because("type A segment of length %zu; 6 expected", seg.length);
           return false;
         }
@@ -583,7 +598,7 @@ class Decoding {
     if (labels > Ludd::MplsLabelOperation::capacity) {
       if (!limited) {
         limited = true;
-        limit_.at("%s", where)
+        limit_.at("%s.segment-list[%u]", policyTlv, index)
             .because("%u labels; a segment list holds at most %u", labels,
                      Ludd::MplsLabelOperation::capacity);
       }
