@@ -101,6 +101,14 @@ class Process:
         return self.proc.returncode
 
 
+def cpu_seconds(process):
+    """User and system CPU seconds of a running child, from /proc."""
+    with open("/proc/%d/stat" % process.proc.pid) as f:
+        fields = f.read().rsplit(")", 1)[1].split()
+    tick = os.sysconf("SC_CLK_TCK")
+    return {"user": int(fields[11]) / tick, "system": int(fields[12]) / tick}
+
+
 def free_port():
     with socket.socket() as s:
         s.bind(("127.0.0.1", 0))
@@ -365,7 +373,9 @@ def scale(args):
             "lastPathWrittenAfter": round(last["t"] - t0, 3) if last else None,
             "lastPolicyPublishedAfter": round(line["t"] - t0, 3) if line else None,
             "totalSeconds": round(t_end - t0, 3),
-            "written": count, "published": published}))
+            "written": count, "published": published,
+            "cpu": {"gobgpd": cpu_seconds(gobgp.process), "srte-bgp": cpu_seconds(bgp),
+                    "srte-agent": cpu_seconds(agent)}}))
         check(count == n and published == n, "every path written and published")
     finally:
         gobgp.stop()
