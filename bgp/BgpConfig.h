@@ -39,7 +39,7 @@ struct SpeakerConfig {
   std::optional<U16> listenPort = U16(179);
   std::string table = "srte-bgp";
   // The most candidate paths the table holds when srte-bgp creates it.
-  U32 capacity = 65536;
+  U32 capacity = 16384;
   std::vector<PeerConfig> peers;
 };
 

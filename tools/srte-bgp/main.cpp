@@ -29,7 +29,7 @@ standard output; SIGINT or SIGTERM close the sessions (NOTIFICATION cease) and s
 
 Configuration (JSON):
   {"localAs": 65000, "bgpIdentifier": "10.0.0.1",
-   "listenAddress": "0.0.0.0", "listenPort": 179, "table": "srte-bgp", "capacity": 65536,
+   "listenAddress": "0.0.0.0", "listenPort": 179, "table": "srte-bgp", "capacity": 16384,
    "peers": [{"address": "192.0.2.2", "port": 179, "as": 65000, "passive": false,
               "holdTime": 90, "connectRetry": 5}]}
   Required: localAs, bgpIdentifier, peers, and each peer's address and as. listenPort null
