@@ -153,7 +153,6 @@ void BgpSession::accepted(tcp::socket socket) {
 
 void BgpSession::connected() {
   U64 const gen = ++generation_;
-  (void)gen;
   boost::system::error_code ignored;
   socket_->set_option(tcp::no_delay(true), ignored);
   inBegin_ = inEnd_ = 0;

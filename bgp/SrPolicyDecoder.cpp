@@ -457,7 +457,7 @@ class Decoding {
   }
 
   bool decodePolicy(U8 const* p, std::size_t n, bool& limited) {
-    bool preference = false, bindingSid = false, enlp = false, priority = false, cpName = false,
+    bool preference = false, bindingSid = false, priority = false, cpName = false,
          policyName = false;
     unsigned lists = 0, written = 0;
     SubTlv s;
@@ -482,8 +482,8 @@ class Decoding {
           bindingSid = true;
           break;
         case subEnlp:
+          // Checked, not kept: the record has no place for it.
           if (!fixedLength(s, 3, "enlp")) return false;
-          enlp = true;
           break;
         case subPriority:
           if (!fixedLength(s, 2, "priority")) return false;
@@ -514,7 +514,6 @@ class Decoding {
           break;
       }
     }
-    (void)enlp;
     if (written > PolicyInputEntry::maxSegmentLists && !limited) {
       limited = true;
       limit_.at("%s", policyTlv)
