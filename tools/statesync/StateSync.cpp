@@ -8,6 +8,8 @@
 //          the users' policy ids
 #include "StateSync.h"
 
+#include <unistd.h>
+
 #include <cstdlib>
 #include <set>
 
@@ -296,7 +298,7 @@ FrameHeader readFrameHeader(U8 const* bytes) {
   U8 channel = r.u8("frame channel");
   if (magic != FrameHeader::magic) refuse("magic " + std::to_string(magic) + ", not a state frame");
   if (version != FrameHeader::version) refuse("version " + std::to_string(version) + " unknown");
-  if (kind < 1 || kind > 3) refuse("kind " + std::to_string(kind) + " unknown");
+  if (kind < 1 || kind > 4) refuse("kind " + std::to_string(kind) + " unknown");
   if (channel >= kChannels) refuse("channel " + std::to_string(channel) + " unknown");
   if (h.bodyLength > FrameHeader::maxBody) {
     refuse("body of " + std::to_string(h.bodyLength) + " bytes, more than a frame may hold");
@@ -306,10 +308,25 @@ FrameHeader readFrameHeader(U8 const* bytes) {
   return h;
 }
 
+std::string readRefusal(U8 const* body, std::size_t size) {
+  if (size > maxRefusal) {
+    refuse("refusal of " + std::to_string(size) + " bytes, more than " +
+           std::to_string(maxRefusal));
+  }
+  std::string text(reinterpret_cast<char const*>(body), size);
+  for (char& c : text) {
+    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) c = '?';
+  }
+  return text;
+}
+
 std::string defaultSocketPath() {
   char const* dir = std::getenv("XDG_RUNTIME_DIR");
   if (dir != nullptr && *dir != '\0') return std::string(dir) + "/srte-agent.sock";
-  return "/tmp/srte-agent.sock";
+  // A directory of this user's own: a shared one such as /tmp would let anyone take the name.
+  uid_t const uid = ::geteuid();
+  if (uid == 0) return "/run/srte-agent/srte-agent.sock";
+  return "/tmp/srte-agent-" + std::to_string(uid) + "/srte-agent.sock";
 }
 
 ServedState servedStateOf(SrTePolicy::SrTePolicyAgent const& agent,
@@ -547,6 +564,7 @@ MountedState::~MountedState() = default;
 
 void MountedState::apply(Channel channel, FrameKind kind, U8 const* body, std::size_t size) {
   if (kind == FrameKind::ready) refuse("a ready frame carries no channel's state");
+  if (kind == FrameKind::refused) refuse("a refused frame carries no channel's state");
   if (kind == FrameKind::delta && !served(channel)) {
     refuse(std::string("delta of ") + channelName(channel) + " before its snapshot");
   }
