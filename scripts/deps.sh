@@ -7,6 +7,7 @@ packages=(
   build-essential cmake ninja-build python3 pkg-config
   libboost-dev libgtest-dev libgmock-dev googletest libbenchmark-dev nlohmann-json3-dev
   clang libclang-rt-14-dev clang-format
+  python3-jsonschema
 )
 
 missing=()
