@@ -67,8 +67,8 @@ PolicyActivityKeeper::PolicyActivityKeeper(Mosk::Ptr<EcPolicy const> ecPolicy,
 PolicyActivityKeeper::~PolicyActivityKeeper() {
   if (ecPolicyReactor_) ecPolicyReactor_->notifierIs(nullptr);
   if (keyMapReactor_) keyMapReactor_->notifierIs(nullptr);
-  for (auto& [key, reactor] : policyReactors_)
-    reactor->notifierIs(nullptr);
+  for (auto it = policyReactors_.cursor(); it; ++it)
+    it.value()->notifierIs(nullptr);
 }
 
 double PolicyActivityKeeper::now() const {
@@ -79,31 +79,36 @@ double PolicyActivityKeeper::now() const {
 
 void PolicyActivityKeeper::watchPolicy(PolicyKey const& key) {
   Mosk::Ptr<Policy const> policy = ecPolicy_->policy(key);
+  Mosk::Ptr<PolicyReactor> const* known = policyReactors_.find(key);
   if (!policy) {
-    auto it = policyReactors_.find(key);
-    if (it != policyReactors_.end()) {
-      it->second->notifierIs(nullptr);
-      policyReactors_.erase(it);
+    if (known) {
+      (*known)->notifierIs(nullptr);
+      policyReactors_.erase(key);
     }
     return;
   }
-  Mosk::Ptr<PolicyReactor>& reactor = policyReactors_[key];
-  if (!reactor) reactor = Mosk::Ptr<PolicyReactor>(new PolicyReactor(this, key));
+  if (!known) {
+    Mosk::Ptr<PolicyReactor> reactor(new PolicyReactor(this, key));
+    reactor->notifierIs(policy);
+    policyReactors_.set(key, std::move(reactor));
+    return;
+  }
   // A policy removed and made again under the same key is another object: follow it.
-  if (reactor->notifier().ptr() != policy.ptr()) reactor->notifierIs(policy);
+  if ((*known)->notifier().ptr() != policy.ptr()) (*known)->notifierIs(policy);
 }
 
 void PolicyActivityKeeper::mark(PolicyKey const& key) {
-  if (!marked_.emplace(key, 0.0).second) return;
-  marked_[key] = now();
+  if (marked_.contains(key)) return;
+  marked_.set(key, now());
   if (marked_.size() == 1 && settleDue_) settleDue_();
 }
 
 void PolicyActivityKeeper::settle() {
   if (marked_.empty()) return;
-  std::map<PolicyKey, double> marked;
-  marked.swap(marked_);
-  for (auto const& [key, when] : marked) {
+  // Writing the activity marks nothing, so the marks stay put while they are walked.
+  for (auto it = marked_.cursor(); it; ++it) {
+    PolicyKey const& key = it.key();
+    double const when = it.value();
     Mosk::Ptr<Policy const> policy = ecPolicy_->policy(key);
     Mosk::Ptr<PolicyEntry const> active = policy ? policy->active() : nullptr;
     Mosk::Ptr<PolicyActivityEntry> entry = activity_->policy(key);
@@ -129,6 +134,7 @@ void PolicyActivityKeeper::settle() {
       entry->activeTransitionsInc(1);
     }
   }
+  marked_.clear();
 }
 
 }  // namespace SrTePolicy

@@ -21,8 +21,8 @@
 #pragma once
 
 #include <functional>
-#include <map>
 
+#include "Mosk/HashMap.h"
 #include "PolicyActivity.h"
 #include "SrTePolicy/SrTePolicyEntry.h"
 #include "Vell/Clock.h"
@@ -64,9 +64,9 @@ class PolicyActivityKeeper : public Mosk::PtrInterface {
   Mosk::Ptr<Vell::Clock const> clock_;
   Mosk::Ptr<EcPolicyReactor> ecPolicyReactor_;
   Mosk::Ptr<KeyMapReactor> keyMapReactor_;
-  std::map<PolicyKey, Mosk::Ptr<PolicyReactor>> policyReactors_;
+  Mosk::HashMap<PolicyKey, Mosk::Ptr<PolicyReactor>> policyReactors_;
   // Keys marked since the last settle, with the time of their first mark.
-  std::map<PolicyKey, double> marked_;
+  Mosk::HashMap<PolicyKey, double> marked_;
   std::function<void()> settleDue_;
 };
 
