@@ -122,13 +122,6 @@ std::vector<U32> topFirst(Ludd::MplsLabelOperation const& op) {
   return out;
 }
 
-OrderedJson nextHopJson(Tunnel::TunnelTable::MplsVia const& via) {
-  return OrderedJson{{"nextHop", text(via.nextHop())},
-                     {"interface", text(via.intf())},
-                     {"push", stackText(via.labelOperation())},
-                     {"pushTopFirst", topFirst(via.labelOperation())}};
-}
-
 // How the resolver judges one LFIB route of a segment's label: a code and the words for it.
 struct Verdict {
   char const* code;
@@ -261,13 +254,6 @@ class Explainer {
     }
     out["candidates"] = cands;
     return out;
-  }
-
-  // "policy", "endpoint" and "color" of the policy `key` names, or nulls.
-  static void policyRef(OrderedJson& out, std::optional<PolicyKey> const& key) {
-    out["policy"] = key ? OrderedJson(keyName(*key)) : OrderedJson(nullptr);
-    out["endpoint"] = key ? OrderedJson(text(key->endpoint())) : OrderedJson(nullptr);
-    out["color"] = key ? OrderedJson(key->color().value()) : OrderedJson(nullptr);
   }
 
   static void policyFields(OrderedJson& out, PolicyKey const& key) {
@@ -725,7 +711,7 @@ class Explainer {
       OrderedJson f;
       f["fec"] = fecName(it.key());
       f["fecId"] = it.key().value();
-      policyRef(f, view_.policyStatus->fecIdToPolicyKey(it.key()));
+      policyRefJson(f, view_.policyStatus->fecIdToPolicyKey(it.key()));
       std::vector<Tunnel::TunnelTable::TunnelId> tunnels;
       for (Fib::Via const& v : fec)
         tunnels.push_back(v.tunnelId());
@@ -760,7 +746,7 @@ class Explainer {
       j["fecId"] = adj ? OrderedJson(adj->fecId().value()) : OrderedJson(nullptr);
       // The policy the FEC is published for now: from the published state, not from the
       // generator's own memory of what it installed.
-      policyRef(j, adj ? view_.policyStatus->fecIdToPolicyKey(adj->fecId()) : std::nullopt);
+      policyRefJson(j, adj ? view_.policyStatus->fecIdToPolicyKey(adj->fecId()) : std::nullopt);
       routes[it.key()] = j;
     }
     OrderedJson out = OrderedJson::array();
@@ -939,6 +925,19 @@ std::string stackText(Ludd::MplsLabelOperation const& op) {
   for (U32 i = op.size(); i-- > 0;)
     out += (out.empty() ? "" : " ") + std::to_string(op.label(i).value());
   return out;
+}
+
+OrderedJson nextHopJson(Tunnel::TunnelTable::MplsVia const& via) {
+  return OrderedJson{{"nextHop", text(via.nextHop())},
+                     {"interface", text(via.intf())},
+                     {"push", stackText(via.labelOperation())},
+                     {"pushTopFirst", topFirst(via.labelOperation())}};
+}
+
+void policyRefJson(OrderedJson& out, std::optional<PolicyKey> const& key) {
+  out["policy"] = key ? OrderedJson(keyName(*key)) : OrderedJson(nullptr);
+  out["endpoint"] = key ? OrderedJson(text(key->endpoint())) : OrderedJson(nullptr);
+  out["color"] = key ? OrderedJson(key->color().value()) : OrderedJson(nullptr);
 }
 
 SegmentListInfo segmentListInfo(SrTePolicy::SegmentListUser const& user) {

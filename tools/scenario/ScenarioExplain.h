@@ -86,4 +86,10 @@ std::string keyName(SrTePolicy::PolicyKey const& key);
 // A label stack top first: "16001 16002".
 std::string stackText(Ludd::MplsLabelOperation const& op);
 
+// One next hop of a tunnel as the document gives it: address, interface and the stack pushed,
+// in words and as labels top first.
+OrderedJson nextHopJson(Tunnel::TunnelTable::MplsVia const& via);
+// Adds "policy", "endpoint" and "color" of the policy `key` names (nulls when none) to `out`.
+void policyRefJson(OrderedJson& out, std::optional<SrTePolicy::PolicyKey> const& key);
+
 }  // namespace SrTeScenario

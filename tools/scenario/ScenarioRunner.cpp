@@ -386,20 +386,10 @@ ScenarioRunner::Digest ScenarioRunner::digest() const {
       if (auto entry = agent.tunnelTable()->entry(status->tunnelId())) {
         std::string hops;
         for (auto const& via : *entry) {
-          std::ostringstream os;
-          os << via.nextHop() << " " << via.intf() << " push " << stackText(via.labelOperation());
-          hops += (hops.empty() ? "" : "; ") + os.str();
-          std::vector<U32> push;
-          for (U32 i = via.labelOperation().size(); i-- > 0;)
-            push.push_back(via.labelOperation().label(i).value());
-          std::ostringstream hop;
-          hop << via.nextHop();
-          std::ostringstream intf;
-          intf << via.intf();
-          l.nextHops.push_back(OrderedJson{{"nextHop", hop.str()},
-                                           {"interface", intf.str()},
-                                           {"push", stackText(via.labelOperation())},
-                                           {"pushTopFirst", push}});
+          OrderedJson hop = nextHopJson(via);
+          hops += (hops.empty() ? "" : "; ") + hop["nextHop"].get<std::string>() + " " +
+                  hop["interface"].get<std::string>() + " push " + hop["push"].get<std::string>();
+          l.nextHops.push_back(std::move(hop));
         }
         l.text += hops;
       }
@@ -417,14 +407,6 @@ OrderedJson tunnelJson(std::optional<Tunnel::TunnelTable::TunnelId> const& t) {
 
 OrderedJson tunnelIdJson(std::optional<Tunnel::TunnelTable::TunnelId> const& t) {
   return t ? OrderedJson(t->value()) : OrderedJson(nullptr);
-}
-
-void policyFields(OrderedJson& out, PolicyKey const& key) {
-  std::ostringstream endpoint;
-  endpoint << key.endpoint();
-  out["policy"] = keyName(key);
-  out["endpoint"] = endpoint.str();
-  out["color"] = key.color().value();
 }
 
 }  // namespace
@@ -492,7 +474,7 @@ OrderedJson ScenarioRunner::changes(Digest const& before, Digest const& after) c
             std::string name = "policy " + keyName(k);
             OrderedJson c;
             c["kind"] = "active";
-            policyFields(c, k);
+            policyRefJson(c, k);
             c["change"] = !was ? "chosen" : !now ? "lost" : "switched";
             c["candidate"] = now ? OrderedJson(now->text) : OrderedJson(nullptr);
             c["candidateId"] = now ? OrderedJson(now->id) : OrderedJson(nullptr);
@@ -520,7 +502,7 @@ OrderedJson ScenarioRunner::changes(Digest const& before, Digest const& after) c
             std::string name = "policy " + keyName(k);
             OrderedJson c;
             c["kind"] = "published";
-            policyFields(c, k);
+            policyRefJson(c, k);
             c["change"] = !was ? "published" : !now ? "withdrawn" : "changed";
             if (now) {
               publishedJson(*now, c);
