@@ -235,7 +235,9 @@ class Explainer {
     }
 
     OrderedJson out;
-    policyFields(out, key);
+    out["endpoint"] = text(key.endpoint());
+    out["color"] = key.color().value();
+    out["name"] = keyName(key);
     out["active"] = active ? OrderedJson(candidateName(PolicyId(active->priority().id())))
                            : OrderedJson(nullptr);
     out["activeId"] = active ? OrderedJson(active->priority().id()) : OrderedJson(nullptr);
@@ -256,22 +258,22 @@ class Explainer {
     return out;
   }
 
-  static void policyFields(OrderedJson& out, PolicyKey const& key) {
-    out["endpoint"] = text(key.endpoint());
-    out["color"] = key.color().value();
-    out["name"] = keyName(key);
-  }
-
-  // The policy whose FEC the binding-SID route of `bsid` leads to, read from what is published
-  // now; none when there is no route or its FEC is not a published policy's.
-  std::optional<PolicyKey> bsidRoutePolicy(Ludd::MplsLabel bsid) const {
+  // The FEC the binding-SID route of `bsid` leads to; none without a route or its adjacency.
+  std::optional<Fib::FecId> bsidRouteFec(Ludd::MplsLabel bsid) const {
     Mpls::Status const& lfib = *view_.bsidLfib;
     Mpls::LFib::Route route =
         lfib.lfibRoute(Mpls::RouteKey(bsid, Mpls::LFib::Source(kBsidRouteKeySource)));
     if (route == Mpls::LFib::Route()) return std::nullopt;
     auto adj = lfib.lfibExtFecAdjacency(route.adjacencyKey().index());
     if (!adj) return std::nullopt;
-    return view_.policyStatus->fecIdToPolicyKey(adj->fecId());
+    return adj->fecId();
+  }
+
+  // The policy that FEC is published for now, read from the published state; none when there
+  // is no route or its FEC is not a published policy's.
+  std::optional<PolicyKey> bsidRoutePolicy(Ludd::MplsLabel bsid) const {
+    std::optional<Fib::FecId> fec = bsidRouteFec(bsid);
+    return fec ? view_.policyStatus->fecIdToPolicyKey(*fec) : std::nullopt;
   }
 
   // Whether the policy's binding SID has its route, and if not why: "inactive" (no active
@@ -805,6 +807,7 @@ class Explainer {
         names.push_back(keyName(k));
       }
       OrderedJson target = bsidRouteTarget(Ludd::MplsLabel(bsid));
+      std::optional<Fib::FecId> fec = bsidRouteFec(Ludd::MplsLabel(bsid));
       std::string leads = "no route is installed for it";
       if (target.is_string()) {
         leads = "its one LFIB route leads to FEC " + target.get<std::string>();
@@ -816,7 +819,7 @@ class Explainer {
                       "; the LFIB holds one route per label, the last one installed: a policy that "
                       "stops qualifying removes that route whoever installed it, and one that "
                       "re-installs replaces it with its own",
-                  bsid, names, target, nullptr));
+                  bsid, names, fec ? OrderedJson(fecName(*fec)) : OrderedJson(nullptr), nullptr));
     }
     return out;
   }
