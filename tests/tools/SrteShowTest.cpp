@@ -45,6 +45,18 @@ Output run(std::string const& command) {
   return o;
 }
 
+// The state without the times of the active candidates' last changes: the simulator dates them
+// on its scenario clock (which starts at the epoch), the agent on the wall clock.
+Json undated(Json state) {
+  for (auto& p : state["policies"])
+    p.erase("activeSince");
+  return state;
+}
+
+double wallNow() {
+  return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+}
+
 bool exists(std::string const& path) {
   struct stat st {};
   return ::lstat(path.c_str(), &st) == 0;
@@ -97,7 +109,8 @@ class SrteShowTest : public ::testing::Test {
     return out;
   }
 
-  // srte-show --json, until it prints `want` or ten seconds pass; the last output otherwise.
+  // srte-show --json, until it prints `want` (dates aside) or ten seconds pass; the last output
+  // otherwise.
   Json shownUntil(Json const& want) {
     Json last;
     auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
@@ -106,9 +119,22 @@ class SrteShowTest : public ::testing::Test {
       Output o = run(std::string(SRTE_SHOW) + " --json --socket " + socket_);
       if (o.status != 0) continue;
       last = Json::parse(o.out);
-      if (last == want) break;
+      if (undated(last) == undated(want)) break;
     }
     return last;
+  }
+
+  // The agent dates every policy that the simulator dates, on the wall clock within [from, to].
+  static void expectDatedWithin(Json const& shown, Json const& want, double from, double to) {
+    ASSERT_EQ(shown["policies"].size(), want["policies"].size());
+    for (std::size_t i = 0; i < shown["policies"].size(); ++i) {
+      Json const& since = shown["policies"][i]["activeSince"];
+      SCOPED_TRACE(shown["policies"][i]["name"].get<std::string>());
+      EXPECT_EQ(since.is_null(), want["policies"][i]["activeSince"].is_null());
+      if (since.is_null()) continue;
+      EXPECT_GE(since.get<double>(), from - 0.001);
+      EXPECT_LE(since.get<double>(), to + 0.001);
+    }
   }
 
   std::string dir_;
@@ -128,8 +154,14 @@ TEST_F(SrteShowTest, ShowsTheStateTheSimulatorEndsWith) {
     want.erase("time");
     ASSERT_FALSE(want["policies"].empty());
 
+    double const started = wallNow();
     Agent agent({"--scenario", scenario, "--socket", socket_});
-    EXPECT_EQ(shownUntil(want), want);
+    Json shown = shownUntil(want);
+    EXPECT_EQ(undated(shown), undated(want));
+    expectDatedWithin(shown, want, started, wallNow());
+    // The readable form says since when (the simulator's text does not: its step lines do).
+    Output text = run(std::string(SRTE_SHOW) + " --socket " + socket_);
+    EXPECT_NE(text.out.find(" UTC (active candidate changed "), std::string::npos) << text.out;
     agent.stop();
     EXPECT_FALSE(exists(socket_)) << "the agent left its socket behind";
   }
@@ -151,7 +183,7 @@ TEST_F(SrteShowTest, WatchFollowsTheAgentAcrossARestart) {
   want1.erase("time");
   auto agent =
       std::make_unique<Agent>(std::vector<std::string>{"--scenario", first, "--socket", socket_});
-  ASSERT_EQ(shownUntil(want1), want1);
+  ASSERT_EQ(undated(shownUntil(want1)), undated(want1));
 
   // The watcher prints one JSON document per change; read them as they come.
   FILE* watch = ::popen(
@@ -171,7 +203,7 @@ TEST_F(SrteShowTest, WatchFollowsTheAgentAcrossARestart) {
     }
     return Json();
   };
-  EXPECT_EQ(nextDocument(), want1);
+  EXPECT_EQ(undated(nextDocument()), undated(want1));
 
   agent->stop();
   std::string second = withoutSteps("examples/01-two-sources.json");
@@ -182,9 +214,9 @@ TEST_F(SrteShowTest, WatchFollowsTheAgentAcrossARestart) {
       std::make_unique<Agent>(std::vector<std::string>{"--scenario", second, "--socket", socket_});
   // The new agent may show a state on its way to idle first; the last one is its final state.
   Json got;
-  for (int i = 0; i < 20 && got != want2; ++i)
+  for (int i = 0; i < 20 && undated(got) != undated(want2); ++i)
     got = nextDocument();
-  EXPECT_EQ(got, want2);
+  EXPECT_EQ(undated(got), undated(want2));
   ::kill(watcher, SIGTERM);
   ::pclose(watch);
 }

@@ -330,8 +330,9 @@ class Reader {
             SrTePolicy::Weight(static_cast<U32>(weight->unsignedIn(1, Mosk::maxU32, "weight")));
       }
       Node labels = l.required("labels");
+      // A list without labels is what the input record allows; it never resolves (it has no
+      // top label), and the output shows it so.
       labels.requireArray("the labels, top first");
-      if (labels.size() == 0) labels.fail("a segment list needs at least one label");
       if (labels.size() > Ludd::MplsLabelOperation::capacity) {
         labels.at(Ludd::MplsLabelOperation::capacity)
             .fail("a segment list holds at most six labels; this is label 7");

@@ -99,6 +99,9 @@ void AgentDaemon::start() {
 
   driver_ = std::make_unique<Vell::AsioDriver>(io_, agent_->scheduler());
   feed_ = std::make_unique<PublishedFeed>(*agent_, *log_, [this] { flushSoon(); });
+  // The scheduler runs on the loop, not through the host: the activity is settled once the
+  // loop has finished the chain of changes that marked it.
+  agent_->activitySettleDueIs([this] { settleActivitySoon(); });
   for (SourceOption const& s : options_.sources)
     sources_.push_back(std::make_unique<SourceWatcher>(*agent_, *log_, s));
 
@@ -191,6 +194,16 @@ void AgentDaemon::flushSoon() {
     if (!alive->daemon || !alive->daemon->feed_) return;
     alive->daemon->flushQueued_ = false;
     alive->daemon->feed_->flush();
+  });
+}
+
+void AgentDaemon::settleActivitySoon() {
+  if (settleQueued_) return;
+  settleQueued_ = true;
+  boost::asio::post(io_, [alive = alive_] {
+    if (!alive->daemon || !alive->daemon->agent_) return;
+    alive->daemon->settleQueued_ = false;
+    alive->daemon->agent_->settleActivity();
   });
 }
 

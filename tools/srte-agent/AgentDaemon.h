@@ -84,6 +84,7 @@ class AgentDaemon {
   void armPoll(bool soon);
   void pollSources();
   void flushSoon();
+  void settleActivitySoon();
 
   // Shared with the handlers queued on the loop, which may outlive what they would call.
   struct Alive {
@@ -110,6 +111,7 @@ class AgentDaemon {
   boost::asio::signal_set signals_;
   std::shared_ptr<Alive> alive_;
   bool flushQueued_ = false;
+  bool settleQueued_ = false;
   bool pollSoon_ = false;
   int exitStatus_ = 0;
 };

@@ -41,6 +41,7 @@ constexpr std::array<char const*, kChannels> kChannelNames = {
     "forwarding6Status",
     "srTePolicyFecs",
     "segmentLists",
+    "policyActivity",
 };
 
 std::size_t slot(Channel c) {
@@ -350,6 +351,7 @@ ServedState servedStateOf(SrTePolicy::SrTePolicyAgent const& agent,
   s.forwarding6Status = agent.forwarding6Status();
   s.srteFwdStatus = agent.srteFwdStatus();
   s.segmentListUsers = agent.segmentListIdToPolicyMap();
+  s.policyActivity = agent.policyActivity();
   return s;
 }
 
@@ -383,6 +385,7 @@ std::array<std::unique_ptr<Feed>, kChannels> feedsOf(ServedState const& s) {
   if (s.segmentListUsers) {
     f[slot(Channel::segmentLists)] = std::make_unique<DirectoryFeed>(s.segmentListUsers);
   }
+  f[slot(Channel::policyActivity)] = logFeed(s.policyActivity);
   return f;
 }
 
@@ -533,6 +536,7 @@ MountedState::MountedState(std::string const& peer) {
   fwd_ = Skerry::Fib::forwardingStatusFactory("forwardingStatus");
   fwd6_ = Skerry::Fib6::forwardingStatusFactory("forwarding6Status");
   srteFwd_ = Skerry::Fib::forwardingStatusFactory("srTePolicyFecs");
+  activity_ = SrTePolicy::policyActivityFactory("policyActivity");
   resolver_ = SrTePolicy::segmentResolverFactory(lfib_);
 
   auto mount = [&](Channel c, auto const& copy) {
@@ -551,6 +555,7 @@ MountedState::MountedState(std::string const& peer) {
   mount(Channel::tunnelTable, tunnelTable_);
   mount(Channel::lfib, lfib_);
   mount(Channel::bsidLfib, bsidLfib_);
+  mount(Channel::policyActivity, activity_);
   sinks_[slot(Channel::forwardingStatus)] =
       std::make_unique<FecSink<Skerry::Fib::ForwardingStatus>>(fwd_, Channel::forwardingStatus);
   sinks_[slot(Channel::forwarding6Status)] =
@@ -588,6 +593,8 @@ SrTeScenario::StateView MountedState::view() const {
   v.forwarding6Status = fwd6_;
   v.srteFwdStatus = srteFwd_;
   v.bsidLfib = bsidLfib_;
+  v.exportedSegmentLists = exported_;
+  v.activity = activity_;
   return v;
 }
 

@@ -53,8 +53,9 @@ enum class Channel : U8 {
   forwarding6Status,
   srteFwdStatus,
   segmentLists,
+  policyActivity,
 };
-inline constexpr std::size_t kChannels = 17;
+inline constexpr std::size_t kChannels = 18;
 // "status", "config", ..., as srte-show and the errors name them.
 char const* channelName(Channel c);
 
@@ -104,6 +105,7 @@ struct ServedState {
   Mosk::Ptr<Skerry::Fib6::ForwardingStatus const> forwarding6Status;
   Mosk::Ptr<Skerry::Fib::ForwardingStatus const> srteFwdStatus;
   Mosk::Ptr<SrTePolicy::SegmentListIdToPolicyMap const> segmentListUsers;
+  Mosk::Ptr<SrTePolicy::PolicyActivity const> policyActivity;
 };
 // Everything `agent` holds that a reader shows; `status` and `colorDscpMap` are the host's.
 ServedState servedStateOf(SrTePolicy::SrTePolicyAgent const& agent,
@@ -152,6 +154,7 @@ class MountedState {
   Mosk::Ptr<Skerry::Fib::ForwardingStatus> const& forwardingStatus() const { return fwd_; }
   Mosk::Ptr<Skerry::Fib::ForwardingStatus> const& srteFwdStatus() const { return srteFwd_; }
   SrTeScenario::SegmentListDirectory const& segmentLists() const { return segmentLists_; }
+  Mosk::Ptr<SrTePolicy::PolicyActivity> const& policyActivity() const { return activity_; }
 
  private:
   struct Sink;
@@ -177,6 +180,7 @@ class MountedState {
   Mosk::Ptr<Skerry::Fib6::ForwardingStatus> fwd6_;
   Mosk::Ptr<Skerry::Fib::ForwardingStatus> srteFwd_;
   SrTeScenario::SegmentListDirectory segmentLists_;
+  Mosk::Ptr<SrTePolicy::PolicyActivity> activity_;
   Mosk::Ptr<SrTePolicy::SegmentResolver> resolver_;
 
   std::array<std::unique_ptr<Sink>, kChannels> sinks_;
