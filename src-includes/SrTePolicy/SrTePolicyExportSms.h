@@ -1,3 +1,6 @@
+// Hears: NotifyingSegmentListCollection (lists come, change and go), nested.
+// Writes: Export::SegmentListCollection.
+//
 // SegmentListExportSm: mirrors the live segment lists of the policy store
 // (NotifyingSegmentListCollection) into Export::SegmentListCollection, where every list is a
 // numbered stack of MPLS labels under its SegmentListId, for other agents to read.

@@ -1,3 +1,6 @@
+// Hears: PolicyInputSource (tables come and go) and every PolicyInput (entries), nested.
+// Writes: PolicySelectionInput, PolicyKeyToIdMap, the dedup tables and both reverse maps.
+//
 // The policy input state machine: the first stage of the pipeline.
 //
 // PolicyInputSm watches the input tables of every source (PolicyInputSource) and keeps, for each

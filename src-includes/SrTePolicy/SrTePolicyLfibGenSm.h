@@ -1,3 +1,6 @@
+// Hears: PolicyStatus and every PolicyStatusEntry, nested (inside the publish task).
+// Writes: binding-SID routes and external FEC adjacencies in SrTePolicyLfibStatus's LFIB.
+//
 // SrTePolicyLfibGenSm: makes published policies reachable by their binding SID. For every
 // PolicyStatusEntry that has a binding SID and at least one weighted tunnel it installs, in the
 // MPLS status held by SrTePolicyLfibStatus, an external FEC adjacency pointing at the policy's

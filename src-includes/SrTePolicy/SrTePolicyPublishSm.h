@@ -1,3 +1,6 @@
+// Hears: EcPolicy, every Policy's active and the active PolicyEntry (timer task).
+// Writes: PolicyStatus and the forwarding-status FEC of every published policy.
+//
 // PolicyPublishSm: the last stage of the policy pipeline. For every policy key whose Policy in
 // EcPolicy has an active candidate it publishes one FEC in the forwarding status (one via per
 // segment-list tunnel of the candidate, under a FEC id of adjacency type 15 that this machine

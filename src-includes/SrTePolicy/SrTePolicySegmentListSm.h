@@ -1,3 +1,6 @@
+// Hears: NotifyingSegmentListCollection (nested); SegmentStatus, SegmentResolve (task).
+// Writes: the SR-TE segment-list tunnel table, then SegmentListStatus.
+//
 // The segment-list state machine: turns every live segment list into an SR-TE segment-list
 // tunnel and a SegmentListResolve record.
 //

@@ -1,3 +1,6 @@
+// Hears: NotifyingSegmentCollection (segments come and go) and the LFIB routes, nested.
+// Writes: SegmentStatus, one SegmentResolve per resolved segment.
+//
 // The segment state machine: keeps SegmentStatus true for every live segment.
 //
 // For every segment listed in the NotifyingSegmentCollection whose label resolves in the MPLS

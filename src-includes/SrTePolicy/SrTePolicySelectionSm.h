@@ -1,3 +1,6 @@
+// Hears: PolicySelectionInput and every PolicyIdEntry (nested); SegmentListStatus (task).
+// Writes: EcPolicy, per key a Policy with its eligible candidates and the active one.
+//
 // The policy selection state machine: picks the active candidate path of every SR-TE policy.
 //
 // PolicySelectionSm reads the selection input (one PolicyIdEntry per candidate path, keyed by

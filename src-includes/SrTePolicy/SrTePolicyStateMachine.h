@@ -1,4 +1,5 @@
-// The base of the pipeline's state machines.
+// The base of the pipeline's state machines. The first two lines of each machine's header say
+// what it hears and what it writes; docs/pipeline.md lists every hand-off between them.
 //
 // A machine runs its teardown (handleDel) from its destructor, so that dropping it removes
 // what it published. A host that models its process dying abandons the machines first: an
