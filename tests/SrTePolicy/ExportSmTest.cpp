@@ -2,6 +2,7 @@
 // exported collection inspected.
 #include <gtest/gtest.h>
 
+#include "SegmentStore.h"
 #include "SrTePolicy/SrTePolicyExportSms.h"
 #include "TraceLines.h"
 
@@ -14,21 +15,12 @@ namespace {
 
 class ExportSm : public ::testing::Test {
  protected:
-  void SetUp() override { tables->handleInitialized(); }
   void start() {
     sm = segmentListExportSmFactory(tables->notifyingSegmentListCollection(), exported);
   }
   Ptr<SegmentList> list(std::vector<U32> const& labels,
                         SegmentType type = SegmentType::segMplsLabel) {
-    Ptr<SegmentList> l = segmentListFactory();
-    U32 i = 0;
-    for (U32 label : labels) {
-      l->segmentIs(
-          MplsStackEntryIndex(i++),
-          segmentMplsLabelFactory(type, MplsLabel(label))->dedup(*tables->segDedupTablePtr()));
-    }
-    l->sizeIs(static_cast<U8>(labels.size()));
-    return l->dedup(*tables->segListDedupTablePtr());
+    return TestSupport::segmentList(*tables, labels, type);
   }
   // Re-announces a list whose contents the test changed.
   void renotify(Ptr<SegmentList> const& l) {
@@ -42,9 +34,9 @@ class ExportSm : public ::testing::Test {
         .value();
   }
 
-  Ptr<CoreDedupTables> tables = coreDedupTablesFactory();
+  Ptr<CoreDedupTables> tables = TestSupport::initializedTables();
   Ptr<Export::SegmentListCollection> exported = Export::segmentListCollectionFactory("export");
-  TraceLines lines{"SrTePolicyExport", 1u << 9};
+  TraceLines trace{"SrTePolicyExport", 1u << 9};
   Ptr<SegmentListExportSm> sm;
 };
 
@@ -64,7 +56,7 @@ TEST_F(ExportSm, ExportsEveryListAndFollowsTheStore) {
   SegmentListId const id = a->segmentListId();
   a = nullptr;
   EXPECT_FALSE(exported->segmentList(id));
-  EXPECT_EQ(lines.count("Deleting segmentList"), 1);
+  EXPECT_EQ(trace.count("Deleting segmentList"), 1);
   sm = nullptr;
   EXPECT_EQ(exported->segmentListCount(), 0u);
 }

@@ -50,7 +50,7 @@ class LfibGenSm : public ::testing::Test {
   Ptr<SrTePolicyLfibStatus> lfibStatus = srTePolicyLfibStatusFactory();
   Ptr<Mpls::Status> lfib = lfibStatus->lfibIs("bsidLfib");
   Ptr<MplsHelper::LfibGenAdjIdxAllocator> alloc = MplsHelper::lfibGenAdjIdxAllocatorFactory();
-  TraceLines lines{"SrTePolicyLfibGenSm", 1u << 5};
+  TraceLines trace{"SrTePolicyLfibGenSm", 1u << 5};
   Ptr<SrTePolicyLfibGenSm> sm;
 };
 
@@ -70,9 +70,9 @@ TEST_F(LfibGenSm, QualifyingChangeReinstallsUnderAFreshIndex) {
   expectInstalled(2000, 4);
   EXPECT_EQ(route(2000).metric(), 20u);
   EXPECT_LT(
-      0, lines.count("Removing the LFIB entry for policy Endpoint: 10.0.0.1 Color: 5 BSID: 1000"));
+      0, trace.count("Removing the LFIB entry for policy Endpoint: 10.0.0.1 Color: 5 BSID: 1000"));
   EXPECT_EQ(1,
-            lines.count("Added the LFIB entry for policy Endpoint: 10.0.0.1 Color: 5 BSID: 2000"));
+            trace.count("Added the LFIB entry for policy Endpoint: 10.0.0.1 Color: 5 BSID: 2000"));
 }
 
 // Catches an entry left behind when the policy stops qualifying in any of its three ways.
@@ -82,7 +82,7 @@ TEST_F(LfibGenSm, EntryRemovedWhenBindingSidGoesSetEmptiesOrStatusGoes) {
   U64 const adj = adjOf(1000);
   entry->bindingSidIs(MplsLabel());
   expectNothingInstalled();
-  EXPECT_EQ(1, lines.count("Policy deleted, Delete LFIB for BSID: 1000, release adjId " +
+  EXPECT_EQ(1, trace.count("Policy deleted, Delete LFIB for BSID: 1000, release adjId " +
                            std::to_string(adj)));
 
   publish(1000, 3);
@@ -129,7 +129,7 @@ TEST_F(LfibGenSm, SharedBindingSidRemovalTakesDownTheInstalledEntry) {
     sm = nullptr;
     status->statusDelAll();
     alloc = MplsHelper::lfibGenAdjIdxAllocatorFactory();
-    lines.text.clear();
+    trace.lines.clear();
     start();
     publish(1000, 3);
     U64 const firstAdj = adjOf(1000);
@@ -143,12 +143,12 @@ TEST_F(LfibGenSm, SharedBindingSidRemovalTakesDownTheInstalledEntry) {
     EXPECT_TRUE(alloc->allocated(kSource, firstAdj))
         << "the overwritten claim's index was released";
     EXPECT_TRUE(lfib->lfibExtFecAdjacency(firstAdj));
-    EXPECT_EQ(1, lines.count("Policy deleted, Delete LFIB for BSID: 1000, release adjId " +
+    EXPECT_EQ(1, trace.count("Policy deleted, Delete LFIB for BSID: 1000, release adjId " +
                              std::to_string(lastAdj)));
     status->statusDel(firstClaimGoesFirst ? other : kKey);
     EXPECT_EQ(sm->policyKeyBindingSidMapCount(), 0u);
     EXPECT_EQ(alloc->allocatedCount(kSource), 1u);
-    EXPECT_EQ(1, lines.count("Policy deleted, Delete LFIB for BSID: 1000, release adjId 0"));
+    EXPECT_EQ(1, trace.count("Policy deleted, Delete LFIB for BSID: 1000, release adjId 0"));
   }
 }
 
@@ -165,7 +165,7 @@ TEST_F(LfibGenSm, SharedBindingSidReinstallReplacesTheInstalledEntry) {
   EXPECT_FALSE(lfib->lfibExtFecAdjacency(otherAdj));
   EXPECT_TRUE(alloc->allocated(kSource, firstAdj));
   EXPECT_EQ(lfib->lfibExtFecAdjacency(adjOf(1000))->fecId(), Fib::FecId::fecIdForAdjType(15, 5));
-  EXPECT_EQ(1, lines.count("Removing the LFIB entry for policy Endpoint: 10.0.0.1 Color: 5 BSID: "
+  EXPECT_EQ(1, trace.count("Removing the LFIB entry for policy Endpoint: 10.0.0.1 Color: 5 BSID: "
                            "1000 Adj ID: " +
                            std::to_string(otherAdj)));
 }

@@ -5,6 +5,7 @@
 
 #include <cstring>
 #include <map>
+#include <optional>
 #include <random>
 #include <set>
 #include <tuple>
@@ -12,6 +13,7 @@
 
 #include "Flicker/Flicker.h"
 #include "SrTePolicy/SrTePolicyInputSm.h"
+#include "TraceLines.h"
 
 using namespace SrTePolicy;
 using Ludd::MplsLabelOperation;
@@ -52,31 +54,16 @@ PolicyInputEntry record(PolicyId id, U32 endpoint, std::vector<std::pair<U32, St
   return e;
 }
 
-struct Capture : Flicker::TraceSink {
-  void traceLine(Flicker::TraceLine const& l) override { lines.emplace_back(l.message); }
-  U32 count(std::string const& text) const {
-    return static_cast<U32>(std::count(lines.begin(), lines.end(), text));
-  }
-  std::vector<std::string> lines;
-};
-
 class PolicyInputSmTest : public ::testing::Test {
  protected:
   void SetUp() override { core->handleInitialized(); }
-  void TearDown() override {
-    Flicker::traceSinkIs(nullptr);
-    Flicker::traceEnabledLevelsIs("SrTePolicyInputSm", 0);
-    Flicker::binaryLevelEnabledIs(9, false);
-  }
+  void TearDown() override { Flicker::binaryLevelEnabledIs(9, false); }
   void start() { sm = policyInputSmFactory(sources, psi, core, users, segLists, keys); }
   Ptr<PolicyInput> table(PolicySource s) {
     if (!tables[U32(s)]) sources->policyInputIs(s, tables[U32(s)] = policyInputFactory("t"));
     return tables[U32(s)];
   }
-  void traceAll() {
-    Flicker::traceSinkIs(&capture);
-    Flicker::traceEnabledLevelsIs("SrTePolicyInputSm", 0x3ff);
-  }
+  void traceAll() { capture.emplace("SrTePolicyInputSm"); }
   // The stacks of a candidate's lists with their weights, read through the reverse map.
   std::map<Stack, U32> listsOf(PolicyId id) {
     std::map<Stack, U32> out;
@@ -165,7 +152,7 @@ class PolicyInputSmTest : public ::testing::Test {
   Ptr<PolicyKeyToIdMap> keys = policyKeyToIdMapFactory("keys");
   Ptr<PolicyInputSm> sm;
   Ptr<PolicyInput> tables[4];
-  Capture capture;
+  std::optional<TraceLines> capture;
   std::set<U32> liveLists, liveSegs;
   U32 maxList = 0, maxSeg = 0;
 };
@@ -247,16 +234,13 @@ TEST_F(PolicyInputSmTest, UpdateDeregistersExactlyTheDroppedList) {
   table(kBgp)->policyInputEntryIs(record(a, 1, {{1, {1}}, {4, {3}}, {1, {4}}}));
   EXPECT_EQ(listsOf(a), (std::map<Stack, U32>{{{1}, 1}, {{3}, 4}, {{4}, 1}}));
   EXPECT_FALSE(users->segmentListUser(SegmentListId(2)));
-  EXPECT_EQ(capture.count("Removing registration of SegmentList Id: 2 for Policy Id: 1073741825"),
-            1u);
-  EXPECT_EQ(capture.count("Removing registration of Segment Id: 2 from segmentList Id: 2"), 1u);
-  U32 removals = 0;
-  for (auto& l : capture.lines)
-    removals += l.rfind("Removing registration of SegmentList", 0) == 0;
-  EXPECT_EQ(removals, 1u);
-  EXPECT_EQ(capture.count("Policy Id: 1073741825 Endpoint: 10.0.0.1 Color: 1 Preference: 100 "
-                          "will be added/updated"),
-            1u);
+  EXPECT_EQ(
+      capture->exactly("Removing registration of SegmentList Id: 2 for Policy Id: 1073741825"), 1);
+  EXPECT_EQ(capture->exactly("Removing registration of Segment Id: 2 from segmentList Id: 2"), 1);
+  EXPECT_EQ(capture->count("Removing registration of SegmentList"), 1);
+  EXPECT_EQ(capture->exactly("Policy Id: 1073741825 Endpoint: 10.0.0.1 Color: 1 Preference: 100 "
+                             "will be added/updated"),
+            1);
   checkAgainstInput();
 }
 
@@ -282,8 +266,8 @@ TEST_F(PolicyInputSmTest, UpdatesThatKeepOrChangeTheListsAreToldApart) {
   EXPECT_EQ(listsOf(a), (std::map<Stack, U32>{{{6, 5}, 4}}));
   traceAll();
   write({{4, {6, 5}}}, 300);
-  EXPECT_EQ(capture.count("Creating dedup segmentList for label stack: [6, 5]"), 1u);
-  EXPECT_EQ(capture.count("Registration of SegmentList Id: 3 for Policy Id: 1073741825"), 1u);
+  EXPECT_EQ(capture->exactly("Creating dedup segmentList for label stack: [6, 5]"), 1);
+  EXPECT_EQ(capture->exactly("Registration of SegmentList Id: 3 for Policy Id: 1073741825"), 1);
 }
 
 // Faults: a key change accepted, refused with another message, or half applied.
@@ -333,7 +317,7 @@ TEST_F(PolicyInputSmTest, NothingHappensWhileNotInitialized) {
   table(kBgp)->policyInputEntryIs(record(PolicyId::make(kBgp, 1), 1, {{1, {16001}}}));
   sm->handleSource();
   EXPECT_EQ(psi->policyIdEntryCount() + keys->mapEntryCount() + users->segmentListUserCount(), 0u);
-  EXPECT_TRUE(capture.lines.empty());
+  EXPECT_TRUE(capture->lines.empty());
   sm->handleInitialized();
   checkAgainstInput();
 }

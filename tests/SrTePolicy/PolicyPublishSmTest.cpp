@@ -61,7 +61,7 @@ class PublishSm : public ::testing::Test {
   Ptr<PolicyStatus> status = policyStatusFactory();
   Ptr<Skerry::Fib::ForwardingStatus> fwd = Skerry::Fib::forwardingStatusFactory("fwd");
   FecWatcher watcher;
-  TraceLines lines{"SrTePolicyPublishSm", 1u << 6 | 1u << 9};
+  TraceLines trace{"SrTePolicyPublishSm", 1u << 6 | 1u << 9};
   Ptr<PolicyPublishSm> sm;
 };
 
@@ -80,7 +80,7 @@ TEST_F(PublishSm, BurstWithinFiftyMillisecondsIsPublishedOnce) {
   settle();
   EXPECT_EQ(sm->task()->taskRunCount(), 1u);
   EXPECT_EQ(watcher.events, 2) << "one commit per policy";
-  EXPECT_EQ(lines.count(activeLine(keyOf(1))), 1);
+  EXPECT_EQ(trace.count(activeLine(keyOf(1))), 1);
   EXPECT_EQ(status->status(keyOf(1))->bindingSid(), Ludd::MplsLabel(2000));
   EXPECT_EQ(tunnelsOf(keyOf(1)), std::set<U64>{1});
   EXPECT_EQ(status->fecIdToPolicyKey(fecIdOf(keyOf(2))), keyOf(2));
@@ -154,7 +154,7 @@ TEST_F(PublishSm, YieldingRunResumesAtTheBookmark) {
   scheduler->runOne();  // two keys, then the bookmark
   ASSERT_FALSE(sm->pendingBookmark().startFresh());
   PolicyKey const next = sm->pendingBookmark().nextKey();
-  EXPECT_EQ(lines.count("Bookmark placed at Endpoint: " + Mosk::valueToStrep(next.endpoint()) +
+  EXPECT_EQ(trace.count("Bookmark placed at Endpoint: " + Mosk::valueToStrep(next.endpoint()) +
                         " color: " + Mosk::valueToStrep(next.color())),
             1);
   std::vector<PolicyKey> done;
@@ -162,10 +162,10 @@ TEST_F(PublishSm, YieldingRunResumesAtTheBookmark) {
     if (status->status(keyOf(n))) done.push_back(keyOf(n));
   ASSERT_EQ(done.size(), 2u);
   ecPolicy->policy(done[0])->active()->bindingSidIs(Ludd::MplsLabel(99));  // pending again
-  lines.text.clear();
+  trace.lines.clear();
   scheduler->runOne();
-  EXPECT_EQ(lines.count(activeLine(next)), 1) << "the second run did not start at the bookmark";
-  EXPECT_EQ(lines.count(activeLine(done[0])), 0);
+  EXPECT_EQ(trace.count(activeLine(next)), 1) << "the second run did not start at the bookmark";
+  EXPECT_EQ(trace.count(activeLine(done[0])), 0);
   scheduler->runDue();
   EXPECT_EQ(status->statusCount(), 5u);
   EXPECT_EQ(status->status(done[0])->bindingSid(), Ludd::MplsLabel(99));

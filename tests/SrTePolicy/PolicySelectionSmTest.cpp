@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "Flicker/Flicker.h"
 #include "SrTePolicy/SrTePolicySelectionSm.h"
+#include "TraceLines.h"
 
 using namespace SrTePolicy;
 using Ludd::IpAddr;
@@ -18,20 +18,15 @@ using Tunnel::TunnelTable::TunnelId;
 
 namespace {
 
-struct Capture : Flicker::TraceSink {
-  void traceLine(Flicker::TraceLine const& l) override { lines.emplace_back(l.message); }
-  long count(std::string const& text) const { return std::count(lines.begin(), lines.end(), text); }
-  // The ids handled since the last call, in order.
-  std::vector<U32> handled() {
-    std::vector<U32> ids;
-    for (auto const& l : lines) {
-      if (l.ends_with(" has changed")) ids.push_back(std::stoul(l.substr(8)));
-    }
-    lines.clear();
-    return ids;
+// The ids handled since the last call, in order.
+std::vector<U32> handled(TraceLines& trace) {
+  std::vector<U32> ids;
+  for (auto const& l : trace.lines) {
+    if (l.ends_with(" has changed")) ids.push_back(std::stoul(l.substr(8)));
   }
-  std::vector<std::string> lines;
-};
+  trace.lines.clear();
+  return ids;
+}
 
 // Counts the moments at which a policy's active entry is not one of its candidates.
 struct ActiveWatcher : Policy::NotifieeConst {
@@ -49,14 +44,6 @@ PolicyKey keyOf(char const* endpoint) {
 
 class PolicySelection : public ::testing::Test {
  protected:
-  void SetUp() override {
-    Flicker::traceSinkIs(&trace);
-    Flicker::traceEnabledLevelsIs("SrTePolicySelectionSm", 0x3ff);
-  }
-  void TearDown() override {
-    Flicker::traceSinkIs(nullptr);
-    Flicker::traceEnabledLevelsIs("*", 0);
-  }
   void start(U32 resolvedList = 1) {
     if (resolvedList != 0) resolve(resolvedList);
     sm = policySelectionSmFactory(input, status, users, ec, scheduler);
@@ -82,7 +69,7 @@ class PolicySelection : public ::testing::Test {
     return policy() && policy()->active() ? policy()->active()->priority().id() : 0;
   }
 
-  Capture trace;
+  TraceLines trace{"SrTePolicySelectionSm"};
   PolicyKey key = keyOf("10.0.0.1");
   IpAddr router = IpAddr::parse("1.1.1.1");
   Ptr<PolicySelectionInput> input = policySelectionInputFactory("input");
@@ -102,9 +89,10 @@ TEST_F(PolicySelection, HigherPreferenceTakesOverAtOnceAndOnlyResolvedListsCount
   EXPECT_FALSE(sm->policyIdMap(2)) << "no resolved list: not a candidate";
   better->wSegmentListIs(SegmentListId(1), Weight(3));
   EXPECT_EQ(activeId(), 2u) << "without running the task";
-  EXPECT_EQ(trace.count("Policy: " + Mosk::valueToStrep(key) + ", Pri: [" +
-                        Mosk::valueToStrep(policy()->active()->priority()) + "] is the new active"),
-            1);
+  EXPECT_EQ(
+      trace.exactly("Policy: " + Mosk::valueToStrep(key) + ", Pri: [" +
+                    Mosk::valueToStrep(policy()->active()->priority()) + "] is the new active"),
+      1);
   auto c = sm->policyIdMap(2);
   EXPECT_EQ(c->wSegmentListCount(), 1u);
   EXPECT_EQ(c->wSegmentList(SegmentListId(1)), WeightedSegmentList(TunnelId(101), Weight(3)));
@@ -206,17 +194,17 @@ TEST_F(PolicySelection, BookmarkResumesBehindTheLastHandledId) {
   resolve(1);
   scheduler->runOne();
   U32 mark = sm->pendingBookmark().nextId();
-  EXPECT_EQ(trace.count("PS sm Bookmark placed at Id: " + std::to_string(mark)), 1);
-  EXPECT_EQ(trace.count("PS sm Processed 2 policy entries"), 1);
-  std::vector<U32> first = trace.handled();
+  EXPECT_EQ(trace.exactly("PS sm Bookmark placed at Id: " + std::to_string(mark)), 1);
+  EXPECT_EQ(trace.exactly("PS sm Processed 2 policy entries"), 1);
+  std::vector<U32> first = handled(trace);
   resolve(10 + first[0]);
   scheduler->runOne();
-  EXPECT_NE(trace.handled().front(), first[0]) << "the walk started over";
+  EXPECT_NE(handled(trace).front(), first[0]) << "the walk started over";
   scheduler->runOne();
-  EXPECT_EQ(trace.handled().size(), 2u);
+  EXPECT_EQ(handled(trace).size(), 2u);
   EXPECT_TRUE(sm->pendingBookmark().startFresh()) << "yielded after the last entry";
   scheduler->runOne();
-  EXPECT_EQ(trace.handled(), std::vector<U32>{first[0]});
+  EXPECT_EQ(handled(trace), std::vector<U32>{first[0]});
   EXPECT_EQ(policy()->candidateCount(), 6u);
 }
 
@@ -228,8 +216,8 @@ TEST_F(PolicySelection, CandidateMissingFromItsPolicyIsTracedAndLeftAlone) {
   policy()->activeIs(nullptr);
   policy()->candidateDelAll();
   e->preferenceIs(Preference(200));
-  EXPECT_EQ(trace.count("policy id: 1 of " + Mosk::valueToStrep(key) +
-                        " missing from candidate list but exist in reference map"),
+  EXPECT_EQ(trace.exactly("policy id: 1 of " + Mosk::valueToStrep(key) +
+                          " missing from candidate list but exist in reference map"),
             1);
   EXPECT_EQ(policy()->candidateCount(), 0u);
   EXPECT_TRUE(sm->policyIdMap(1));

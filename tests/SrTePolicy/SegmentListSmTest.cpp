@@ -7,8 +7,9 @@
 #include <string>
 #include <vector>
 
-#include "Flicker/Flicker.h"
+#include "SegmentStore.h"
 #include "SrTePolicy/SrTePolicySegmentListSm.h"
+#include "TraceLines.h"
 
 using namespace SrTePolicy;
 using Ludd::IntfId;
@@ -21,27 +22,6 @@ using Tunnel::TunnelTable::TunnelId;
 using Vias = std::vector<MplsVia>;
 
 namespace {
-
-Ptr<CoreDedupTables> initializedTables() {
-  Ptr<CoreDedupTables> t = coreDedupTablesFactory();
-  t->handleInitialized();
-  return t;
-}
-
-struct Capture : Flicker::TraceSink {
-  Capture() {
-    Flicker::traceSinkIs(this);
-    Flicker::traceEnabledLevelsIs(name, 0x3ff);
-  }
-  ~Capture() override {
-    Flicker::traceEnabledLevelsIs(name, 0);
-    Flicker::traceSinkIs(nullptr);
-  }
-  void traceLine(Flicker::TraceLine const& l) override { lines.emplace_back(l.message); }
-  long count(std::string const& text) const { return std::count(lines.begin(), lines.end(), text); }
-  char const* name = "SrTePolicySegmentListSm";
-  std::vector<std::string> lines;
-};
 
 template <class F>
 std::string errorOf(F f) {
@@ -77,8 +57,7 @@ class SegmentListSmTest : public ::testing::Test {
   Ptr<SegmentMplsLabel> segment(U32 label) {
     Ptr<SegmentMplsLabel>& s = held[label];
     if (!s) {
-      s = segmentMplsLabelFactory(SegmentType::segMplsLabel, Ludd::MplsLabel(label))
-              ->dedup(*tables->segDedupTablePtr());
+      s = TestSupport::segment(*tables, label);
     }
     return s;
   }
@@ -129,7 +108,7 @@ class SegmentListSmTest : public ::testing::Test {
     table.fecCommit(f);
   }
 
-  Ptr<CoreDedupTables> tables = initializedTables();
+  Ptr<CoreDedupTables> tables = TestSupport::initializedTables();
   Ptr<SegmentStatus> segStatus = segmentStatusFactory("segmentStatus");
   Ptr<SegmentListStatus> listStatus = segmentListStatusFactory("segmentListStatus");
   Ptr<Tunnel::TunnelTable::SrTeSegmentListTunnelTable> tunnels =
@@ -191,14 +170,14 @@ TEST_F(SegmentListSmTest, ReResolutionKeepsTheTunnelIdAndTheTunnelIsWrittenFirst
   Ptr<SegmentList> l = list({100, 200});
   TunnelId first = tid(l);
 
-  Capture capture;
+  TraceLines trace("SrTePolicySegmentListSm");
   resolve(100, adj(6));  // the watcher hears adjKey
   resolve(200, adj(5));  // a new entry: the status reactor hears it
   EXPECT_EQ(sm->pendingSegmentListCount(), 1u);
   EXPECT_EQ(vias(l), (Vias{via("10.0.0.2", eth1, {200, 900})})) << "changes wait for the task";
   scheduler->runDue();
-  EXPECT_EQ(capture.count(" Processed 1 Segment Lists "), 1);
-  EXPECT_EQ(capture.count("Update existing status for SegmentList [1]"), 1);
+  EXPECT_EQ(trace.exactly(" Processed 1 Segment Lists "), 1);
+  EXPECT_EQ(trace.exactly("Update existing status for SegmentList [1]"), 1);
   EXPECT_EQ(tid(l), first);
   EXPECT_EQ(vias(l), (Vias{via("10.0.9.2", eth2, {200, 901})}));
 
@@ -218,7 +197,7 @@ TEST_F(SegmentListSmTest, SlicesEndAtTheYieldAndEveryQueuedListRunsOnce) {
   for (U32 i = 0; i < 7; ++i)
     lists.push_back(list({100, 1000 + i}));
   adjacency(5, {mplsVia(eth1, "10.0.0.2", 900)});
-  Capture capture;
+  TraceLines trace("SrTePolicySegmentListSm");
   resolve(100, adj(5));
   scheduler->yieldPolicyIs(Vell::YieldPolicy::fixedCount(3));
   std::vector<U32> perRun;
@@ -227,7 +206,7 @@ TEST_F(SegmentListSmTest, SlicesEndAtTheYieldAndEveryQueuedListRunsOnce) {
   EXPECT_EQ(perRun, (std::vector<U32>{3, 6, 7}));
   for (Ptr<SegmentList> const& l : lists) {
     std::string id = std::to_string(l->segmentListId().value());
-    EXPECT_EQ(capture.count("Add new status for SegmentList [" + id + "]"), 1) << id;
+    EXPECT_EQ(trace.exactly("Add new status for SegmentList [" + id + "]"), 1) << id;
   }
   scheduler->yieldPolicyIs(Vell::YieldPolicy::fixedCount(1));
   resolve(100, adj(6));
@@ -274,10 +253,10 @@ TEST_F(SegmentListSmTest, ExternalFecAdjacenciesResolveThroughTheForwardingStatu
   EXPECT_EQ(vias(list({101, 200})),
             (Vias{via("2001:db8::2", eth1, {200}), via("2001:db8::3", eth2, {200})}));
   EXPECT_FALSE(tid(list({101})).isValid()) << "nothing pushed: unresolved";
-  Capture capture;
+  TraceLines trace("SrTePolicySegmentListSm");
   for (U32 top : {102, 103, 104})
     EXPECT_FALSE(tid(list({top, 200})).isValid()) << top;
-  EXPECT_EQ(capture.count("adjExt not found, returning NULL"), 1);
+  EXPECT_EQ(trace.exactly("adjExt not found, returning NULL"), 1);
 }
 
 // Faults: an oversized stack or tunnel id half-applied or silently truncated; null accepted.

@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
-#include "Flicker/Flicker.h"
 #include "SrTePolicy/SrTePolicySegmentResolver.h"
+#include "TraceLines.h"
 
 using namespace SrTePolicy;
 using Ludd::IntfId;
@@ -17,11 +17,6 @@ using Mpls::LFib::Route;
 using Mpls::LFib::RouteType;
 
 namespace {
-
-struct Capture : Flicker::TraceSink {
-  std::vector<std::string> lines;
-  void traceLine(Flicker::TraceLine const& l) override { lines.emplace_back(l.message); }
-};
 
 class Resolver : public ::testing::Test {
  protected:
@@ -58,17 +53,13 @@ TEST_F(Resolver, LowestUsableSourceWinsAndSkippedRoutesDoNotEndTheSearch) {
 }
 
 TEST_F(Resolver, PseudowireAndSourceZeroNeverResolve) {
-  Capture capture;
-  Flicker::traceSinkIs(&capture);
-  Flicker::traceEnabledLevelsIs("SrTePolicySegmentResolver", 1u << 4);
+  TraceLines trace("SrTePolicySegmentResolver", 1u << 4);
   route(16001, 4, AdjacencyKey(1, AdjacencyKind::adjacency), RouteType::pseudowire);
   route(16002, 0, AdjacencyKey(1, AdjacencyKind::adjacency));
   EXPECT_FALSE(resolver.resolveSegmentMpls(MplsLabel(16001)));
   EXPECT_FALSE(resolver.resolveSegmentMpls(MplsLabel(16002)));
-  Flicker::traceEnabledLevelsIs("SrTePolicySegmentResolver", 0);
-  Flicker::traceSinkIs(nullptr);
-  ASSERT_EQ(capture.lines.size(), 1u);
-  EXPECT_EQ(capture.lines[0].rfind("Skipping resolution via pseudowire ", 0), 0u);
+  ASSERT_EQ(trace.lines.size(), 1u);
+  EXPECT_EQ(trace.count("Skipping resolution via pseudowire "), 1);
 }
 
 TEST_F(Resolver, AnyNextHopGroupViaInTheSetSkipsTheRoute) {

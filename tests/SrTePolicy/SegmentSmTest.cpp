@@ -5,8 +5,9 @@
 #include <string>
 #include <vector>
 
-#include "Flicker/Flicker.h"
+#include "SegmentStore.h"
 #include "SrTePolicy/SrTePolicySegmentSm.h"
+#include "TraceLines.h"
 
 using namespace SrTePolicy;
 using Ludd::MplsLabel;
@@ -17,17 +18,6 @@ using Mpls::LFib::RouteType;
 
 namespace {
 
-Ptr<CoreDedupTables> initializedTables() {
-  Ptr<CoreDedupTables> t = coreDedupTablesFactory();
-  t->handleInitialized();
-  return t;
-}
-
-struct Capture : Flicker::TraceSink {
-  std::vector<std::string> lines;
-  void traceLine(Flicker::TraceLine const& l) override { lines.emplace_back(l.message); }
-};
-
 struct AdjKeyCount : SegmentResolve::NotifieeConst {
   int count = 0;
   void onAdjKey() override { ++count; }
@@ -35,10 +25,7 @@ struct AdjKeyCount : SegmentResolve::NotifieeConst {
 
 class SegmentSmTest : public ::testing::Test {
  protected:
-  Ptr<SegmentMplsLabel> segment(U32 label) {
-    return segmentMplsLabelFactory(SegmentType::segMplsLabel, MplsLabel(label))
-        ->dedup(*tables->segDedupTablePtr());
-  }
+  Ptr<SegmentMplsLabel> segment(U32 label) { return TestSupport::segment(*tables, label); }
   Mpls::RouteKey key(U32 label, U8 source) {
     return Mpls::RouteKey(MplsLabel(label), Mpls::LFib::Source(source));
   }
@@ -54,7 +41,7 @@ class SegmentSmTest : public ::testing::Test {
     return r ? r->adjKey().index() : 0;
   }
 
-  Ptr<CoreDedupTables> tables = initializedTables();
+  Ptr<CoreDedupTables> tables = TestSupport::initializedTables();
   Ptr<Mpls::Status> lfib = Mpls::statusFactory("lfib");
   Ptr<SegmentStatus> status = segmentStatusFactory("segmentStatus");
   Ptr<SegmentSm> sm = segmentSmFactory(tables->notifyingSegmentCollection(), lfib, status, tables,
@@ -122,20 +109,16 @@ TEST_F(SegmentSmTest, EntryIsKeptAcrossAdjacencyChangesAndUnusedLabelsAreIgnored
 
 // Fault: a segment that leaves the store keeps its status.
 TEST_F(SegmentSmTest, LastUserGoneDeletesTheStatusWithItsTrace) {
-  Capture capture;
-  Flicker::traceSinkIs(&capture);
-  Flicker::traceEnabledLevelsIs("SrTePolicySegmentSm", 1u << 7);
+  TraceLines trace("SrTePolicySegmentSm", 1u << 7);
   sm->handleInitialized();
   route(16001, 3, 30);
   Ptr<SegmentMplsLabel> s = segment(16001);
   SegmentId id = s->segmentId();
   EXPECT_TRUE(status->status(id));
   s = nullptr;
-  Flicker::traceEnabledLevelsIs("SrTePolicySegmentSm", 0);
-  Flicker::traceSinkIs(nullptr);
   EXPECT_FALSE(status->status(id));
   std::vector<std::string> expected = {"handleSegment segment: 1", "Deleting Segment"};
-  EXPECT_EQ(std::vector<std::string>(capture.lines.end() - 2, capture.lines.end()), expected);
+  EXPECT_EQ(std::vector<std::string>(trace.lines.end() - 2, trace.lines.end()), expected);
 }
 
 }  // namespace

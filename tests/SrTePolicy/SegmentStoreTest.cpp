@@ -4,7 +4,7 @@
 
 #include <sstream>
 
-#include "SrTePolicy/SrTePolicyDedupTables.h"
+#include "SegmentStore.h"
 
 using namespace SrTePolicy;
 using Ludd::MplsLabel;
@@ -15,26 +15,16 @@ namespace {
 
 class SegmentStore : public ::testing::Test {
  protected:
-  void SetUp() override { tables->handleInitialized(); }
-
-  Ptr<SegmentMplsLabel> segment(U32 label) {
-    return segmentMplsLabelFactory(SegmentType::segMplsLabel, MplsLabel(label))
-        ->dedup(*tables->segDedupTablePtr());
-  }
-  Ptr<SegmentList> list(std::initializer_list<U32> labels) {
-    Ptr<SegmentList> l = segmentListFactory();
-    U32 i = 0;
-    for (U32 label : labels)
-      l->segmentIs(MplsStackEntryIndex(i++), segment(label));
-    l->sizeIs(static_cast<U8>(labels.size()));
-    return l->dedup(*tables->segListDedupTablePtr());
+  Ptr<SegmentMplsLabel> segment(U32 label) { return TestSupport::segment(*tables, label); }
+  Ptr<SegmentList> list(std::vector<U32> const& labels) {
+    return TestSupport::segmentList(*tables, labels);
   }
   NotifyingSegmentCollection const& segments() { return *tables->notifyingSegmentCollection(); }
   NotifyingSegmentListCollection const& lists() {
     return *tables->notifyingSegmentListCollection();
   }
 
-  Ptr<CoreDedupTables> tables = coreDedupTablesFactory();
+  Ptr<CoreDedupTables> tables = TestSupport::initializedTables();
 };
 
 TEST_F(SegmentStore, EqualLabelsShareOneSegmentAndOneId) {

@@ -4,11 +4,11 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <map>
 
+#include "ChildProcess.h"
 #include "SrTePolicy/SrTePolicyInputShm.h"
 #include "SrTePolicyAgent.h"
 
@@ -37,19 +37,11 @@ class PolicyInputShm : public ::testing::Test {
   // Runs `body(writer)` as the source process and waits for it.
   template <class F>
   void source(F body) {
-    pid_t pid = ::fork();
-    if (pid == 0) {
-      try {
-        PolicyInputShmWriter w(name);
-        body(w);
-      } catch (...) {
-        ::_exit(99);
-      }
-      ::_exit(0);
-    }
-    int status = 0;
-    ::waitpid(pid, &status, 0);
-    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    pid_t pid = TestSupport::forkChild([&] {
+      PolicyInputShmWriter w(name);
+      body(w);
+    });
+    ASSERT_EQ(TestSupport::reap(pid), 0);
   }
   // Polls until nothing is pending (bounded); says whether a poll resynchronised.
   bool drain(PolicyInputShmReader& r) {

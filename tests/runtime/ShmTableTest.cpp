@@ -16,9 +16,12 @@
 #include <set>
 #include <vector>
 
+#include "ChildProcess.h"
 #include "Skerry/ShmTable.h"
 
 using namespace Skerry;
+using TestSupport::forkChildReady;
+using TestSupport::reap;
 
 namespace {
 
@@ -59,35 +62,6 @@ class ShmTableTest : public ::testing::Test {
              ::testing::UnitTest::GetInstance()->current_test_info()->name()) {}
   ~ShmTableTest() override { shmTableRemove(name); }
 
-  // Runs `body` in a child process that signals through a pipe when it starts; returns its pid
-  // once it has.
-  template <class F>
-  pid_t spawn(F body) {
-    int ready[2];
-    EXPECT_EQ(::pipe(ready), 0);
-    pid_t pid = ::fork();
-    if (pid == 0) {
-      ::close(ready[0]);
-      // Nothing may leave the child but its exit status: not an error, not the test run.
-      try {
-        body([&] { (void)!::write(ready[1], "x", 1); });
-      } catch (...) {
-        ::_exit(99);
-      }
-      ::_exit(0);
-    }
-    ::close(ready[1]);
-    char c;
-    (void)!::read(ready[0], &c, 1);
-    ::close(ready[0]);
-    return pid;
-  }
-  static int exitStatus(pid_t pid) {
-    int status = 0;
-    ::waitpid(pid, &status, 0);
-    return status;
-  }
-
   // The bytes of the segment, writable, for damaging it on purpose.
   U8* raw() {
     int fd = ::shm_open(("/" + name).c_str(), O_RDWR, 0);
@@ -123,7 +97,7 @@ TEST_F(ShmTableTest, ReaderNeverKeepsATornRecord) {
   std::vector<pid_t> pids;
   for (U32 i = 0; i < readers; ++i) {
     // Exit status: 1 torn, 2 backwards, 3 never overlapped the writer, 0 fine.
-    pids.push_back(spawn([this, &go](auto started) {
+    pids.push_back(forkChildReady([this, &go](auto started) {
       Reader r(name);
       ::close(go[1]);
       started();
@@ -146,9 +120,7 @@ TEST_F(ShmTableTest, ReaderNeverKeepsATornRecord) {
   for (U32 v = 1; v <= writes; ++v)
     w.put(rec(7, v));
   for (pid_t pid : pids) {
-    int status = exitStatus(pid);
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 0) << "1 torn, 2 backwards, 3 no overlap";
+    EXPECT_EQ(reap(pid), 0) << "1 torn, 2 backwards, 3 no overlap";
   }
 }
 
@@ -166,7 +138,7 @@ TEST_F(ShmTableTest, WriterKilledMidWriteLeavesTheOldRecord) {
   auto* header = reinterpret_cast<detail::ShmHeader*>(base);
   U32 midWrite = 0, last = 0;
   for (U32 attempt = 0; attempt < 60 && midWrite < 3; ++attempt) {
-    pid_t pid = spawn([this, last](auto started) {
+    pid_t pid = forkChildReady([this, last](auto started) {
       Writer w(name);
       w.put(rec(9, last));
       started();
@@ -177,7 +149,7 @@ TEST_F(ShmTableTest, WriterKilledMidWriteLeavesTheOldRecord) {
     for (U32 i = 0; i < 1000000 && r.copyOut(3, out) && out.version < last + 50; ++i) {
     }
     ::kill(pid, SIGKILL);
-    exitStatus(pid);
+    reap(pid);
     midWrite += *versionWord(base, slot) & 1;
     ASSERT_TRUE(r.copyOut(3, out));
     EXPECT_TRUE(whole(out));
@@ -390,7 +362,7 @@ TEST_F(ShmTableTest, OnlyItsOwnerMayWriteOrLockATable) {
   // Another user who can open the table (a group member, or an earlier version's mode) locks
   // it every way a reader can, and the writer still gets in.
   ASSERT_EQ(::chmod(("/dev/shm/" + name).c_str(), 0644), 0);
-  pid_t locker = spawn([this](auto ready) {
+  pid_t locker = forkChildReady([this](auto ready) {
     if (::setgid(nobody) != 0 || ::setuid(nobody) != 0) throw 1;
     int fd = ::shm_open(("/" + name).c_str(), O_RDONLY, 0);
     struct flock lk {};
@@ -403,7 +375,7 @@ TEST_F(ShmTableTest, OnlyItsOwnerMayWriteOrLockATable) {
   });
   EXPECT_EQ(refusal<Writer>(name), "opened") << "another user locked the writer out";
   ::kill(locker, SIGKILL);
-  exitStatus(locker);
+  reap(locker);
 
   std::string const table = "table '" + name + "'";
   ShmReaderOptions trustRoot, trustNobody;

@@ -47,9 +47,7 @@ PolicyInputEntry candidate(PolicySource source, U32 index, std::mt19937& rng) {
 
 // The churning source: writes the bgp table until it is killed or its table is cut under it.
 pid_t startChurn(std::string const& table, U32 seed) {
-  pid_t pid = ::fork();
-  if (pid != 0) return pid;
-  try {
+  return TestSupport::forkChild([&] {
     std::mt19937 rng(seed);
     Skerry::ShmTableOptions options;
     options.capacity = 256;
@@ -62,9 +60,7 @@ pid_t startChurn(std::string const& table, U32 seed) {
         writer.put(candidate(PolicySource::sourceBgp, index, rng));
       }
     }
-  } catch (...) {
-  }
-  ::_exit(0);
+  });
 }
 
 // What an agent publishes, without the numbers it allocates: per policy its active candidate

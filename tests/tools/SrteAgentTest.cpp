@@ -336,23 +336,18 @@ TEST(AgentProcess, ASourceKilledWhileWritingLeavesTheDaemonRunningAndConsistent)
   AgentProcess agent({"--platform", SRTE_EXAMPLES "/01-two-sources.json", "--source",
                       "bgp=" + table, "--poll-ms", "2"});
   agent.until("started");
-  pid_t writer = ::fork();
-  if (writer == 0) {
-    // Rewrites one candidate path as fast as it can until it is killed.
-    try {
-      PolicyInputShmWriter w(table);
-      PolicyInputEntry e(PolicyId::make(PolicySource::sourceBgp, 1));
-      e.endpointIs(Ludd::IpGenAddr::parse("192.0.2.1"));
-      e.colorIs(Color(100));
-      e.segmentListPush(WeightedSegList(Weight(1), Ludd::MplsLabelOperation{16002}));
-      for (U32 i = 0;; ++i) {
-        e.bindingSidIs(Ludd::MplsLabel(900000 + i % 1000));
-        w.put(e);
-      }
-    } catch (...) {
+  // Rewrites one candidate path as fast as it can until it is killed.
+  pid_t writer = TestSupport::forkChild([&] {
+    PolicyInputShmWriter w(table);
+    PolicyInputEntry e(PolicyId::make(PolicySource::sourceBgp, 1));
+    e.endpointIs(Ludd::IpGenAddr::parse("192.0.2.1"));
+    e.colorIs(Color(100));
+    e.segmentListPush(WeightedSegList(Weight(1), Ludd::MplsLabelOperation{16002}));
+    for (U32 i = 0;; ++i) {
+      e.bindingSidIs(Ludd::MplsLabel(900000 + i % 1000));
+      w.put(e);
     }
-    ::_exit(1);
-  }
+  });
   OrderedJson l;
   do {
     l = agent.next();

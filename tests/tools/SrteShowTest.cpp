@@ -1,6 +1,7 @@
 // srte-show against a running srte-agent, in two processes: the agent loads a scenario's
 // inputs and serves its state; srte-show --json mounts it and must print what srte-sim --json
 // prints as the final state of the same scenario.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -65,16 +66,9 @@ bool exists(std::string const& path) {
 class Agent {
  public:
   explicit Agent(std::vector<std::string> args) {
-    pid_ = ::fork();
-    if (pid_ == 0) {
-      std::vector<char*> argv{const_cast<char*>(SRTE_AGENT)};
-      for (auto& a : args)
-        argv.push_back(a.data());
-      argv.push_back(nullptr);
-      std::freopen("/dev/null", "w", stdout);
-      ::execv(SRTE_AGENT, argv.data());
-      ::_exit(127);
-    }
+    int null = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+    pid_ = AgentTesting::spawn(SRTE_AGENT, std::move(args), null, 2);
+    ::close(null);
   }
   ~Agent() { stop(); }
   void stop() {
@@ -244,15 +238,12 @@ TEST_F(SrteShowTest, TheSocketIsPrivateAndOnlyItsOwnFileIsRemoved) {
   ASSERT_EQ(::lstat(socket_.c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 0777, 0600u);
   if (::geteuid() == 0) {
-    pid_t other = ::fork();
-    if (other == 0) {
+    pid_t other = TestSupport::forkChild([&] {
       bool const refused = ::setgid(65534) == 0 && ::setuid(65534) == 0 &&
                            AgentTesting::connectTo(socket_) < 0 && errno == EACCES;
-      ::_exit(refused ? 0 : 1);
-    }
-    int status = 0;
-    ::waitpid(other, &status, 0);
-    EXPECT_EQ(status, 0) << "another user connected to the socket";
+      if (!refused) throw 1;
+    });
+    EXPECT_EQ(TestSupport::reap(other), 0) << "another user connected to the socket";
   }
   // A newer agent takes the path (the old file removed by hand, as a restart script might).
   ::unlink(socket_.c_str());
@@ -289,11 +280,10 @@ TEST_F(SrteShowTest, ShowGivesUpOnAListenerThatDoesNotSpeakTheProtocol) {
   ::unlink(socket_.c_str());
 
   int web = listenOn(socket_);
-  pid_t server = ::fork();
-  if (server == 0) {
+  pid_t server = TestSupport::forkChild([&] {
     for (;;)
       (void)!::write(::accept(web, nullptr, nullptr), "HTTP/1.1 400 Bad Request\r\n\r\n", 28);
-  }
+  });
   ::close(web);
   o = runProgram(SRTE_SHOW, {"--socket", socket_, "--watch"}, std::chrono::seconds(15));
   ::kill(server, SIGKILL);

@@ -1,26 +1,21 @@
 // srte-source end to end: the program run as a user runs it, against a table in /dev/shm named
 // for this test process and removed by the fixture; what it wrote is read back as the agent
 // reads it.
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
+#include "ChildProcess.h"
 #include "SrTePolicy/SrTePolicyInputShm.h"
 
 using namespace SrTePolicy;
 
 namespace {
 
-struct Outcome {
-  int status;
-  std::string out, err;
-};
+using TestSupport::Outcome;
 
 class SrteSource : public ::testing::Test {
  protected:
@@ -35,30 +30,7 @@ class SrteSource : public ::testing::Test {
   // Runs the program with `--table NAME` and `args`.
   Outcome run(std::vector<std::string> args, bool withTable = true) {
     if (withTable) args.insert(args.begin(), {"--table", name});
-    std::string const out = file + ".out", err = file + ".err";
-    pid_t pid = ::fork();
-    if (pid == 0) {
-      std::vector<char*> argv{const_cast<char*>(SRTE_SOURCE)};
-      for (std::string& a : args)
-        argv.push_back(a.data());
-      argv.push_back(nullptr);
-      ::dup2(::open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 1);
-      ::dup2(::open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 2);
-      ::execv(SRTE_SOURCE, argv.data());
-      ::_exit(127);
-    }
-    int status = 0;
-    ::waitpid(pid, &status, 0);
-    Outcome r{WIFEXITED(status) ? WEXITSTATUS(status) : -1, slurp(out), slurp(err)};
-    std::remove(out.c_str());
-    std::remove(err.c_str());
-    return r;
-  }
-  static std::string slurp(std::string const& path) {
-    std::ifstream in(path);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
+    return TestSupport::runProgram(SRTE_SOURCE, std::move(args));
   }
   void writeFile(std::string const& text) { std::ofstream(file) << text; }
   std::vector<std::string> bgp(std::vector<std::string> args) {

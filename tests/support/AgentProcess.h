@@ -1,6 +1,6 @@
-// Test helpers for the daemon and the tools run as processes: srte-agent as a child whose
-// standard output the test reads line by line and whose standard error it keeps, any program
-// run to its end, a socket to the agent, and the agent's resident memory. Every wait is bounded.
+// Test helpers for the daemon run as a process: srte-agent as a child whose standard output the
+// test reads line by line and whose standard error it keeps, a socket to the agent, and the
+// agent's resident memory. Every wait is bounded; the child-process basics are in ChildProcess.h.
 #pragma once
 
 #include <fcntl.h>
@@ -20,20 +20,21 @@
 #include <string>
 #include <vector>
 
+#include "ChildProcess.h"
 #include "Skerry/ShmTable.h"
 
 namespace AgentTesting {
 
+using TestSupport::awaitEnd;
+using TestSupport::exitStatus;
+using TestSupport::Outcome;
+using TestSupport::runProgram;
+using TestSupport::slurp;
+using TestSupport::spawn;
+
 using OrderedJson = nlohmann::ordered_json;
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
-
-inline std::string slurp(std::string const& path) {
-  std::ifstream in(path);
-  std::stringstream s;
-  s << in.rdbuf();
-  return s.str();
-}
 
 // Removes a table when the test ends, whichever way.
 struct TableRemoval {
@@ -59,60 +60,6 @@ inline int connectTo(std::string const& path, bool nonBlocking = false) {
   if (::connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0) return fd;
   ::close(fd);
   return -1;
-}
-
-// Waits at most `timeout` for child `pid` to end (without reaping it); true when it has.
-inline bool awaitEnd(pid_t pid, milliseconds timeout) {
-  int pidfd = static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));
-  pollfd p{pidfd, POLLIN, 0};
-  bool const ended = pidfd >= 0 && ::poll(&p, 1, static_cast<int>(timeout.count())) == 1;
-  if (pidfd >= 0) ::close(pidfd);
-  return ended;
-}
-
-inline int exitStatus(int status) {
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
-}
-
-// Forks and runs `program` with `args`, standard output and error on `out` and `err`.
-inline pid_t spawn(char const* program, std::vector<std::string> args, int out, int err,
-                   mode_t umask = 022) {
-  pid_t pid = ::fork();
-  if (pid != 0) return pid;
-  ::dup2(out, 1);
-  ::dup2(err, 2);
-  ::umask(umask);
-  std::vector<char*> argv{const_cast<char*>(program)};
-  for (std::string& a : args)
-    argv.push_back(a.data());
-  argv.push_back(nullptr);
-  ::execv(program, argv.data());
-  ::_exit(127);
-}
-
-struct Outcome {
-  int status = -1;  // the exit code, or minus the signal that ended the program
-  std::string out, err;
-};
-
-// Runs `program` to its end, or kills it after `timeout`.
-inline Outcome runProgram(char const* program, std::vector<std::string> args,
-                          milliseconds timeout = std::chrono::seconds(20)) {
-  static int runs = 0;
-  std::string const base =
-      "/tmp/srte-run-" + std::to_string(::getpid()) + "-" + std::to_string(++runs);
-  int out = ::open((base + ".out").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-  int err = ::open((base + ".err").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-  pid_t pid = spawn(program, std::move(args), out, err);
-  ::close(out);
-  ::close(err);
-  if (!awaitEnd(pid, timeout)) ::kill(pid, SIGKILL);
-  int status = 0;
-  ::waitpid(pid, &status, 0);
-  Outcome o{exitStatus(status), slurp(base + ".out"), slurp(base + ".err")};
-  std::remove((base + ".out").c_str());
-  std::remove((base + ".err").c_str());
-  return o;
 }
 
 // srte-agent as a child: its standard output and standard error on pipes the test reads.
