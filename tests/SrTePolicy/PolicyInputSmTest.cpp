@@ -415,4 +415,16 @@ TEST_F(PolicyInputSmTest, InputReactorKeepsPolicyReactorsInStep) {
   EXPECT_EQ(psi->policyIdEntryCount(), 1u) << "the collection-wide notification ran a full pass";
 }
 
+// Catches: newInput keeping the old input reactor (two reactors would then hear every table
+// change) or leaving the new one without the per-source reactors.
+TEST_F(PolicyInputSmTest, NewInputReplacesTheInputReactorEvenForTheSameInput) {
+  start();
+  Ptr<PolicyInputSm::MoskInput> old = sm->inputReactor();
+  sm->newInput(sources);
+  EXPECT_NE(sm->inputReactor(), old);
+  EXPECT_FALSE(old->notifier()) << "the old reactor still listens";
+  table(kBgp)->policyInputEntryIs(record(PolicyId::make(kBgp, 1), 1, {{1, {16001}}}));
+  checkAgainstInput();
+}
+
 }  // namespace

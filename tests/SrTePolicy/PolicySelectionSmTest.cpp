@@ -210,6 +210,17 @@ TEST_F(PolicySelection, BookmarkResumesBehindTheLastHandledId) {
 
 // Catches a candidate removed behind the machine's back being re-filed or dropped from the
 // reference map instead of traced and left alone.
+// Catches: the public eligibility question answered by another rule than the one the machine
+// files candidates by (eligible once any one of its lists has a status).
+TEST_F(PolicySelection, PolicyHasResolvedSegmentListAsksForAnyOneResolvedList) {
+  start(0);
+  path(1, 100, 1);
+  Ptr<PolicyIdEntry> e = path(1, 100, 2);
+  EXPECT_FALSE(sm->policyHasResolvedSegmentList(*e));
+  resolve(2);
+  EXPECT_TRUE(sm->policyHasResolvedSegmentList(*e));
+}
+
 TEST_F(PolicySelection, CandidateMissingFromItsPolicyIsTracedAndLeftAlone) {
   start();
   auto e = path(1, 100, 1);

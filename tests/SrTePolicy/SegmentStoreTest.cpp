@@ -92,6 +92,20 @@ TEST_F(SegmentStore, AListHoldsSixSegmentsAtMost) {
   }
 }
 
+// Catches: a position deleted from a list under construction that keeps its segment in the
+// store. The pipeline never deletes positions; a writer building a list by hand may.
+TEST_F(SegmentStore, DeletedPositionsOfAListUnderConstructionReleaseTheirSegments) {
+  Ptr<SegmentList> l = segmentListFactory();
+  l->segmentIs(MplsStackEntryIndex(0), segment(16001));
+  l->segmentIs(MplsStackEntryIndex(1), segment(16002));
+  l->segmentDel(MplsStackEntryIndex(1));
+  EXPECT_FALSE(l->segment(MplsStackEntryIndex(1)));
+  EXPECT_FALSE(tables->segDedupTablePtr()->lookupByLabel(MplsLabel(16002)));
+  EXPECT_TRUE(tables->segDedupTablePtr()->lookupByLabel(MplsLabel(16001)));
+  l->segmentDelAll();
+  EXPECT_FALSE(tables->segDedupTablePtr()->lookupByLabel(MplsLabel(16001)));
+}
+
 TEST_F(SegmentStore, ReleasingTheLastListReleasesItsSegments) {
   Ptr<SegmentList> a = list({16001, 16002});
   EXPECT_EQ(segments().segmentNotifierCount(), 2u);
