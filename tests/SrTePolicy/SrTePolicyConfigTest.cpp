@@ -52,27 +52,4 @@ TEST(ColorDscpMap, DscpAcceptsTheInvalidMarkerAndNothingAbove) {
   }
 }
 
-// Catches symbolic-save flags that outlive the deletion of their color.
-TEST(ColorDscpMap, DeletingAColorDropsItsWholeList) {
-  auto map = colorDscpMapFactory("colorDscp");
-  map->colorToDscpIs(Color(7))->cliSaveUseSymbolic_Is(Dscp(46), true);
-  map->colorToDscpDel(Color(7));
-  EXPECT_FALSE(map->colorToDscp(Color(7)));
-  EXPECT_EQ(map->colorToDscpIs(Color(7))->cliSaveUseSymbolic_Count(), 0u);
-}
-
-// Catches a setter that notifies when the value did not change.
-TEST(AgentStatus, NotifiesOnlyWhenAgentEnabledChanges) {
-  struct Watcher : Status::NotifieeConst {
-    int calls = 0;
-    void onAgentEnabled() override { ++calls; }
-  } w;
-  auto status = statusFactory("srTePolicy");
-  w.notifierIs(status);
-  status->agentEnabledIs(false);
-  status->agentEnabledIs(true);
-  status->agentEnabledIs(true);
-  EXPECT_EQ(w.calls, 1);
-}
-
 }  // namespace
