@@ -8,6 +8,7 @@
 // burst) and its poll period are in every figure.
 //
 //   AgentLatency [WRITES [POLL_MS]]        (default 300 writes, the daemon's default poll)
+#include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -22,6 +23,7 @@
 #include <thread>
 #include <vector>
 
+#include "ChildProcess.h"
 #include "SrTePolicy/SrTePolicyInputShm.h"
 
 using namespace SrTePolicy;
@@ -37,18 +39,8 @@ class Daemon {
  public:
   explicit Daemon(std::vector<std::string> args) {
     int fds[2];
-    if (::pipe(fds) != 0) std::exit(1);
-    pid_ = ::fork();
-    if (pid_ == 0) {
-      ::dup2(fds[1], 1);
-      ::close(fds[0]);
-      std::vector<char*> argv{const_cast<char*>(SRTE_AGENT)};
-      for (std::string& a : args)
-        argv.push_back(a.data());
-      argv.push_back(nullptr);
-      ::execv(SRTE_AGENT, argv.data());
-      ::_exit(127);
-    }
+    if (::pipe2(fds, O_CLOEXEC) != 0) std::exit(1);
+    pid_ = TestSupport::spawn(SRTE_AGENT, std::move(args), fds[1], 2);
     ::close(fds[1]);
     fd_ = fds[0];
   }

@@ -7,6 +7,7 @@
 
 #include <vector>
 
+#include "SegmentStore.h"
 #include "SrTePolicy/SrTePolicySegmentListSm.h"
 #include "SrTePolicy/SrTePolicySegmentSm.h"
 
@@ -20,12 +21,6 @@ using namespace SrTePolicy;
 
 constexpr U32 kLists = 10000;
 constexpr U32 kTopLabel = 16000;
-
-Ptr<CoreDedupTables> initializedTables() {
-  Ptr<CoreDedupTables> t = coreDedupTablesFactory();
-  t->handleInitialized();
-  return t;
-}
 
 // The resolution stages wired by hand, with kLists lists [top, 100000 + i, 200000 + i].
 struct Pipeline {
@@ -67,10 +62,7 @@ struct Pipeline {
     segmentSm = nullptr;
   }
 
-  Ptr<SegmentMplsLabel> segment(U32 label) {
-    return segmentMplsLabelFactory(SegmentType::segMplsLabel, MplsLabel(label))
-        ->dedup(*tables->segDedupTablePtr());
-  }
+  Ptr<SegmentMplsLabel> segment(U32 label) { return TestSupport::segment(*tables, label); }
   void routeTo(U64 adj) {
     Mpls::RouteKey key(MplsLabel(kTopLabel), Mpls::LFib::Source(3));
     lfib->lfibRouteIs(Mpls::LFib::Route(
@@ -78,7 +70,7 @@ struct Pipeline {
         Mpls::LFib::Source(3), 0, Ludd::IpGenPrefix()));
   }
 
-  Ptr<CoreDedupTables> tables = initializedTables();
+  Ptr<CoreDedupTables> tables = TestSupport::initializedTables();
   Ptr<Mpls::Status> lfib = Mpls::statusFactory("lfib");
   Ptr<SegmentStatus> segStatus = segmentStatusFactory("segmentStatus");
   Ptr<SegmentListStatus> listStatus = segmentListStatusFactory("segmentListStatus");
