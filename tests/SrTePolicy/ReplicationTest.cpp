@@ -2,7 +2,6 @@
 // processes mount: selection input, endpoint-color policies, published status, configuration.
 #include <gtest/gtest.h>
 
-
 #include "Mosk/Reflection.h"
 #include "SrTePolicy/SrTeColorDscpMap.h"
 #include "SrTePolicy/SrTePolicy.h"
