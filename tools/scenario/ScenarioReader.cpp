@@ -198,6 +198,10 @@ class Reader {
 
   std::string const& file() const { return file_; }
 
+  StaticConfig staticConfigAt(Json const& value, std::string path) const {
+    return staticConfig(Node(*this, value, std::move(path)));
+  }
+
   Scenario read(Json const& doc) {
     Node root(*this, doc, "");
     root.requireObject("a scenario");
@@ -860,6 +864,11 @@ Scenario readScenarioText(std::string const& text, std::string const& fileName) 
         "not valid JSON: " + (pos == std::string::npos ? what : what.substr(pos + 2)));
   }
   return Reader(fileName).read(doc);
+}
+
+StaticConfig readStaticConfig(nlohmann::json const& value, std::string const& fileName,
+                              std::string const& path) {
+  return Reader(fileName).staticConfigAt(value, path);
 }
 
 std::string readTextFile(std::string const& fileName, U64 maxBytes) {
