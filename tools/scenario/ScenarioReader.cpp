@@ -850,10 +850,9 @@ class Reader {
 
 }  // namespace
 
-Scenario readScenarioText(std::string const& text, std::string const& fileName) {
-  Json doc;
+nlohmann::json parseJsonText(std::string const& text, std::string const& fileName) {
   try {
-    doc = Json::parse(text);
+    return Json::parse(text);
   } catch (Json::exception const& e) {
     // A syntax error, or a number no double holds (an out_of_range error, not a parse error).
     std::string what = e.what();
@@ -863,7 +862,10 @@ Scenario readScenarioText(std::string const& text, std::string const& fileName) 
         fileName, "",
         "not valid JSON: " + (pos == std::string::npos ? what : what.substr(pos + 2)));
   }
-  return Reader(fileName).read(doc);
+}
+
+Scenario readScenarioText(std::string const& text, std::string const& fileName) {
+  return Reader(fileName).read(parseJsonText(text, fileName));
 }
 
 StaticConfig readStaticConfig(nlohmann::json const& value, std::string const& fileName,

@@ -249,15 +249,7 @@ DaemonOptions configuredOptions(DaemonOptions const& commandLine, std::string co
 DaemonOptions configuredOptionsFromText(DaemonOptions const& commandLine, std::string const& text,
                                         std::string const& file) {
   DaemonOptions o = commandLine;
-  Json doc;
-  try {
-    doc = Json::parse(text);
-  } catch (Json::exception const& e) {
-    std::string what = e.what();
-    auto pos = what.find("] ");
-    throw ScenarioError(
-        file, "", "not valid JSON: " + (pos == std::string::npos ? what : what.substr(pos + 2)));
-  }
+  Json const doc = SrTeScenario::parseJsonText(text, file);
   readInto(o, Field{file, doc, ""});
   try {
     finishDaemonOptions(o);

@@ -130,14 +130,7 @@ void SourceWatcher::detach(std::string const& event, std::string reason) {
   OrderedJson f = fields();
   f["reason"] = reason;
   log_.write(event, f);
-  try {
-    agent_.sourceTableDel(option_.source);
-  } catch (Mosk::Exception const& e) {
-    OrderedJson err = fields();
-    err["error"] = e.what();
-    log_.write("error", err);
-  }
-  reader_ = nullptr;
+  release();
   // The attempts to attach again meet the same fault: said once, by this line.
   if (event != "source-detached") lastRefusal_ = reason;
 }
