@@ -97,6 +97,7 @@ class ValueType:
         self.ordered = None  # None, "auto" or "custom"
         self.arithmetic = False
         self.custom_hash = False
+        self.cached_hash = False  # the hash is computed when a field changes and kept
         self.custom_text = False
         self.custom_equal = False
         self.code = []
@@ -390,8 +391,11 @@ class Parser:
                 self.expect(";")
             elif t.text == "hash":
                 self.next()
-                self.expect("custom")
-                v.custom_hash = True
+                if self.accept("cached"):
+                    v.cached_hash = True
+                else:
+                    self.expect("custom")
+                    v.custom_hash = True
                 self.expect(";")
             elif t.text == "text":
                 self.next()
