@@ -301,10 +301,12 @@ def coll_types(c, model):
     if c.kind == "ptr":
         v = f"Mosk::Ptr<{c.value.pointee}{' const' if c.value.pointee_const else ''}>"
     extra = ""
-    if c.hasher or c.less:
+    if c.hasher or c.less or c.inline:
         extra = f", {c.hasher or 'Mosk::KeyHash<' + k + '>'}"
-        if c.less:
-            extra += f", {c.less}"
+        if c.less or c.inline:
+            extra += f", {c.less or 'std::less<' + k + '>'}"
+        if c.inline:
+            extra += f", {c.inline}"
     return f"Mosk::HashMap<{k}, {v}{extra}>"
 
 
