@@ -24,6 +24,7 @@ U64 LfibGenAdjIdxAllocator::getAdjacencyIndex(Mpls::LFib::Source const& source) 
 }
 
 void LfibGenAdjIdxAllocator::releaseAdjacencyIndex(Mpls::LFib::Source const& source, U64 index) {
+  if (index == 0) return;  // "no adjacency": what a missing route points at
   if (!allocated(source, index)) {
     throw Mosk::RangeException("adjacency index " + std::to_string(index) + " of source " +
                                std::to_string(source.value()) +

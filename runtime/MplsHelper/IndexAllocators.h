@@ -49,7 +49,9 @@ class LfibGenAdjIdxAllocator : public Mosk::NamedEntity {
 
   // A fresh adjacency index of `source`, never 0 and never handed out before.
   U64 getAdjacencyIndex(Mpls::LFib::Source const& source);
-  // Gives `index` back. Raises the range error when `index` is not allocated to `source`.
+  // Gives `index` back. Index 0 is "no adjacency" (the adjacency of a route that is not
+  // there) and releases nothing. Raises the range error when any other `index` is not
+  // allocated to `source`.
   void releaseAdjacencyIndex(Mpls::LFib::Source const& source, U64 index);
   bool allocated(Mpls::LFib::Source const& source, U64 index) const;
   // The indexes of `source` allocated and not released.

@@ -19,6 +19,13 @@ U64 endpointWord(EndPoint const& endpoint) {
   return endpoint.isIpv4() ? endpoint.v4().toU32() : endpoint.hash();
 }
 
+// The adjacency index behind the route installed now under `bindingSid`: whichever policy's
+// entry was installed last under that label (0 when there is no route).
+U64 installedAdjacency(Mpls::Status const& lfib, Ludd::MplsLabel bindingSid) {
+  return Mpls::Status::getExtFecAdjacency(
+      lfib.lfibRoute(Mpls::RouteKey(bindingSid, kRouteKeySource)));
+}
+
 Mpls::Status& lfibOf(SrTePolicyLfibStatus& holder) {
   Mpls::Status* lfib = holder.lfib().ptr();
   if (lfib == nullptr) {
@@ -48,8 +55,8 @@ SrTePolicyLfibGenSm::~SrTePolicyLfibGenSm() {
 
 std::optional<Ludd::MplsLabel> SrTePolicyLfibGenSm::policyKeyBindingSidMap(
     PolicyKey const& key) const {
-  Installed const* installed = policyKeyBindingSidMap_.find(key);
-  return installed ? std::optional<Ludd::MplsLabel>(installed->bindingSid) : std::nullopt;
+  Ludd::MplsLabel const* installed = policyKeyBindingSidMap_.find(key);
+  return installed ? std::optional<Ludd::MplsLabel>(*installed) : std::nullopt;
 }
 
 void SrTePolicyLfibGenSm::handleInitialized() {
@@ -74,19 +81,20 @@ void SrTePolicyLfibGenSm::handlePolicy(PolicyKey const& key) {
   bool const qualifies = entry && entry->weightedViaSet() &&
                          entry->weightedViaSet()->weightedViaCount() > 0 &&
                          !entry->bindingSid().isNone();
-  Installed const* installed = policyKeyBindingSidMap_.find(key);
+  Ludd::MplsLabel const* installed = policyKeyBindingSidMap_.find(key);
   if (qualifies) {
     Mpls::Status& lfib = lfibOf(*lfibStatus_);
     if (installed != nullptr) {
-      Installed const old = *installed;
+      Ludd::MplsLabel const old = *installed;
+      U64 const oldAdj = installedAdjacency(lfib, old);
       SRTE_TRACE2(traceHandle, 5,
-                  "Removing the LFIB entry for policy Endpoint: "
-                      << key.endpoint() << " Color: " << key.color() << " BSID: " << old.bindingSid
-                      << " Adj ID: " << old.adjIndex,
+                  "Removing the LFIB entry for policy Endpoint: " << key.endpoint() << " Color: "
+                                                                  << key.color() << " BSID: " << old
+                                                                  << " Adj ID: " << oldAdj,
                   "Removing the LFIB entry for policy Endpoint: "
                       << endpointWord(key.endpoint()) << " Color: " << key.color()
-                      << " BSID: " << old.bindingSid << " Adj ID: " << old.adjIndex);
-      removeLfibEntry(lfib, old);
+                      << " BSID: " << old << " Adj ID: " << oldAdj);
+      removeLfibEntry(lfib, old, oldAdj);
     }
     Ludd::MplsLabel const bindingSid = entry->bindingSid();
     U64 const adj = adjIdxAlloc_->getAdjacencyIndex(kLfibSource);
@@ -102,25 +110,23 @@ void SrTePolicyLfibGenSm::handlePolicy(PolicyKey const& key) {
                 "Added the LFIB entry for policy Endpoint: "
                     << endpointWord(key.endpoint()) << " Color: " << key.color()
                     << " BSID: " << bindingSid << " Adj ID: " << adj);
-    policyKeyBindingSidMap_.set(key, Installed{bindingSid, adj});
+    policyKeyBindingSidMap_.set(key, bindingSid);
     return;
   }
   if (installed == nullptr) return;
-  Installed const old = *installed;
-  removeLfibEntry(lfibOf(*lfibStatus_), old);
+  Ludd::MplsLabel const old = *installed;
+  Mpls::Status& lfib = lfibOf(*lfibStatus_);
+  U64 const oldAdj = installedAdjacency(lfib, old);
+  removeLfibEntry(lfib, old, oldAdj);
   policyKeyBindingSidMap_.erase(key);
   SRTE_TRACE(traceHandle, 5,
-             "Policy deleted, Delete LFIB for BSID: " << old.bindingSid << ", release adjId "
-                                                      << old.adjIndex);
+             "Policy deleted, Delete LFIB for BSID: " << old << ", release adjId " << oldAdj);
 }
 
-void SrTePolicyLfibGenSm::removeLfibEntry(Mpls::Status& lfib, Installed const& installed) {
-  Mpls::RouteKey const routeKey(installed.bindingSid, kRouteKeySource);
-  lfib.lfibExtFecAdjacencyDel(installed.adjIndex);
-  if (Mpls::Status::getExtFecAdjacency(lfib.lfibRoute(routeKey)) == installed.adjIndex) {
-    lfib.lfibRouteDel(routeKey);
-  }
-  adjIdxAlloc_->releaseAdjacencyIndex(kLfibSource, installed.adjIndex);
+void SrTePolicyLfibGenSm::removeLfibEntry(Mpls::Status& lfib, Ludd::MplsLabel bindingSid, U64 adj) {
+  lfib.lfibExtFecAdjacencyDel(adj);
+  lfib.lfibRouteDel(Mpls::RouteKey(bindingSid, kRouteKeySource));
+  adjIdxAlloc_->releaseAdjacencyIndex(kLfibSource, adj);
 }
 
 void SrTePolicyLfibGenSm::handleDel() {

@@ -83,18 +83,12 @@ class SrTePolicyLfibGenSm : public StateMachine {
   Mosk::Ptr<SrTePolicyLfibStatus> const lfibStatus_;
   Mosk::Ptr<MplsHelper::LfibGenAdjIdxAllocator> const adjIdxAlloc_;
   U32 routeMetric_ = 0;
-  // What is installed for a key: the binding SID and the adjacency index behind its route.
-  struct Installed {
-    Ludd::MplsLabel bindingSid;
-    U64 adjIndex;
-    bool operator==(Installed const&) const = default;
-  };
+  // Removes the route under `bindingSid`, the external FEC adjacency `adj` it points at and
+  // that adjacency's index. The route is whatever the LFIB holds now under that label: when
+  // two policies claim one binding SID, it may be the other policy's entry.
+  void removeLfibEntry(Mpls::Status& lfib, Ludd::MplsLabel bindingSid, U64 adj);
 
-  // Removes the installed entry `installed`: its external FEC adjacency and index, and its route
-  // unless another policy's entry has taken the binding SID over since.
-  void removeLfibEntry(Mpls::Status& lfib, Installed const& installed);
-
-  Mosk::HashMap<PolicyKey, Installed> policyKeyBindingSidMap_;
+  Mosk::HashMap<PolicyKey, Ludd::MplsLabel> policyKeyBindingSidMap_;
   Mosk::HashMap<PolicyKey, Mosk::Ptr<NestedPolicyReactor>> nestedPolicy_;
   bool initialized_ = false;
   Mosk::Ptr<PolicyStatusReactor> policyStatusReactor_;

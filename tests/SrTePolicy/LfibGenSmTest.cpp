@@ -114,17 +114,60 @@ TEST_F(LfibGenSm, StartUpWipesAndReinstalls) {
   EXPECT_EQ(lfib->lfibRouteCount(), 0u) << "teardown left routes";
 }
 
-// Catches a removal that deletes the route, adjacency or index of another policy that claimed
-// the same binding SID later.
-TEST_F(LfibGenSm, SharedBindingSidRemovalSparesTheOtherPolicy) {
+// Two policies claiming one binding SID share one route: the one installed last. Whichever
+// policy stops qualifying takes down what the LFIB holds under the label now (route, adjacency
+// and that adjacency's index), without asking who installed it; the other policy's later
+// removal finds no route and releases nothing. The first claim's adjacency stays behind until
+// a restart wipes the LFIB.
+// Catches a removal that takes down the entry the key remembers instead of the installed one,
+// that spares a route another policy installed, or that releases the wrong index.
+TEST_F(LfibGenSm, SharedBindingSidRemovalTakesDownTheInstalledEntry) {
+  PolicyKey const other(Ludd::IpAddr::parse("10.0.0.2"), Color(5));
+  for (bool firstClaimGoesFirst : {true, false}) {
+    SCOPED_TRACE(firstClaimGoesFirst ? "first claim withdrawn first"
+                                     : "last claim withdrawn first");
+    sm = nullptr;
+    status->statusDelAll();
+    alloc = MplsHelper::lfibGenAdjIdxAllocatorFactory();
+    lines.text.clear();
+    start();
+    publish(1000, 3);
+    U64 const firstAdj = adjOf(1000);
+    publish(1000, 4, other);
+    U64 const lastAdj = adjOf(1000);
+    ASSERT_NE(firstAdj, lastAdj);
+    status->statusDel(firstClaimGoesFirst ? kKey : other);
+    EXPECT_EQ(lfib->lfibRouteCount(), 0u);
+    EXPECT_FALSE(lfib->lfibExtFecAdjacency(lastAdj));
+    EXPECT_FALSE(alloc->allocated(kSource, lastAdj)) << "the installed index was not released";
+    EXPECT_TRUE(alloc->allocated(kSource, firstAdj))
+        << "the overwritten claim's index was released";
+    EXPECT_TRUE(lfib->lfibExtFecAdjacency(firstAdj));
+    EXPECT_EQ(1, lines.count("Policy deleted, Delete LFIB for BSID: 1000, release adjId " +
+                             std::to_string(lastAdj)));
+    status->statusDel(firstClaimGoesFirst ? other : kKey);
+    EXPECT_EQ(sm->policyKeyBindingSidMapCount(), 0u);
+    EXPECT_EQ(alloc->allocatedCount(kSource), 1u);
+    EXPECT_EQ(1, lines.count("Policy deleted, Delete LFIB for BSID: 1000, release adjId 0"));
+  }
+}
+
+// Catches a re-install that removes the key's own earlier entry instead of the route installed
+// under the old binding SID now (the other policy's).
+TEST_F(LfibGenSm, SharedBindingSidReinstallReplacesTheInstalledEntry) {
   start();
-  publish(1000, 3);
+  Ptr<PolicyStatusEntry> entry = publish(1000, 3);
+  U64 const firstAdj = adjOf(1000);
   publish(1000, 4, PolicyKey(Ludd::IpAddr::parse("10.0.0.2"), Color(5)));
   U64 const otherAdj = adjOf(1000);
-  status->statusDel(kKey);
-  EXPECT_EQ(adjOf(1000), otherAdj);
-  EXPECT_TRUE(lfib->lfibExtFecAdjacency(otherAdj));
-  EXPECT_EQ(alloc->allocatedCount(kSource), 1u);
+  entry->srTePolicyFecIdIs(Fib::FecId::fecIdForAdjType(15, 5));
+  EXPECT_FALSE(alloc->allocated(kSource, otherAdj));
+  EXPECT_FALSE(lfib->lfibExtFecAdjacency(otherAdj));
+  EXPECT_TRUE(alloc->allocated(kSource, firstAdj));
+  EXPECT_EQ(lfib->lfibExtFecAdjacency(adjOf(1000))->fecId(), Fib::FecId::fecIdForAdjType(15, 5));
+  EXPECT_EQ(1, lines.count("Removing the LFIB entry for policy Endpoint: 10.0.0.1 Color: 5 BSID: "
+                           "1000 Adj ID: " +
+                           std::to_string(otherAdj)));
 }
 
 }  // namespace

@@ -521,7 +521,10 @@ class Explainer {
         auto key = adj ? view_.policyStatus->fecIdToPolicyKey(adj->fecId()) : std::nullopt;
         if (key) leads += " (" + keyName(*key) + ")";
       }
-      out.push_back("binding SID " + std::to_string(bsid) + " is claimed by " + who + "; " + leads);
+      out.push_back("binding SID " + std::to_string(bsid) + " is claimed by " + who + "; " + leads +
+                    "; the LFIB holds one route per label, the last one installed: a policy that "
+                    "stops qualifying removes that route whoever installed it, and one that "
+                    "re-installs replaces it with its own");
     }
     return out;
   }
