@@ -6,10 +6,12 @@
 
 namespace SrTePolicy {
 
-PolicyInputShmReader::PolicyInputShmReader(std::string const& tableName)
+PolicyInputShmReader::PolicyInputShmReader(std::string const& tableName,
+                                           Skerry::ShmReaderOptions const& options)
     : name_(tableName),
+      options_(options),
       input_(policyInputFactory(tableName)),
-      table_(new PolicyInputShmTable(tableName)) {
+      table_(new PolicyInputShmTable(tableName, options)) {
   table_->listenerIs(this);
   input_->policyInputEntryMountIs(table_);
   input_->policyIdxIs(table_->counter());
@@ -29,7 +31,7 @@ Skerry::ShmPollResult PolicyInputShmReader::poll(U32 maxKeys) {
 }
 
 void PolicyInputShmReader::reattach() {
-  Mosk::Ptr<PolicyInputShmTable> fresh(new PolicyInputShmTable(name_));
+  Mosk::Ptr<PolicyInputShmTable> fresh(new PolicyInputShmTable(name_, options_));
   std::set<PolicyId> ids;
   table_->forEachKnown([&ids](PolicyId const& id) { ids.insert(id); });
   fresh->forEachKnown([&ids](PolicyId const& id) { ids.insert(id); });
@@ -47,8 +49,9 @@ void PolicyInputShmReader::onShmTableCorrupt(std::string const&) {
   input_->policyInputEntryCorruptIs(true);
 }
 
-Mosk::Ptr<PolicyInputShmReader> policyInputShmReaderFactory(std::string const& tableName) {
-  return Mosk::Ptr<PolicyInputShmReader>(new PolicyInputShmReader(tableName));
+Mosk::Ptr<PolicyInputShmReader> policyInputShmReaderFactory(
+    std::string const& tableName, Skerry::ShmReaderOptions const& options) {
+  return Mosk::Ptr<PolicyInputShmReader>(new PolicyInputShmReader(tableName, options));
 }
 
 }  // namespace SrTePolicy

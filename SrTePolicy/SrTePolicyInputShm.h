@@ -27,9 +27,10 @@ using PolicyInputShmTable = Skerry::ShmTableReader<PolicyId, PolicyInputEntry>;
 
 class PolicyInputShmReader : public Mosk::PtrInterface, private Skerry::ShmTableListener {
  public:
-  // Attaches to table `tableName` (see ShmTableReader for what raises) and mounts it on a new
-  // PolicyInput of the same name.
-  explicit PolicyInputShmReader(std::string const& tableName);
+  // Attaches to table `tableName` (see ShmTableReader for what raises, and for what `options`
+  // require of the table's file) and mounts it on a new PolicyInput of the same name.
+  explicit PolicyInputShmReader(std::string const& tableName,
+                                Skerry::ShmReaderOptions const& options = {});
   ~PolicyInputShmReader() override;
 
   std::string const& tableName() const { return name_; }
@@ -47,6 +48,9 @@ class PolicyInputShmReader : public Mosk::PtrInterface, private Skerry::ShmTable
   // True once the table has been removed from the system: its source has gone away, and a table
   // made anew under the name needs a new reader.
   bool removed() const { return table_->removed(); }
+  // One look at the table's file (see ShmTableReader::checkFile): removed, no longer trusted, or
+  // cut short, which marks the table corrupt.
+  Skerry::ShmFileCheck checkFile() { return table_->checkFile(); }
   // Why the table was found damaged.
   std::string const& corruption() const { return table_->corruption(); }
   // Attaches to the table afresh (after damage, or after the table was made anew), clears the
@@ -58,10 +62,12 @@ class PolicyInputShmReader : public Mosk::PtrInterface, private Skerry::ShmTable
   void onShmTableCorrupt(std::string const& reason) override;
 
   std::string const name_;
+  Skerry::ShmReaderOptions const options_;
   Mosk::Ptr<PolicyInput> input_;
   Mosk::Ptr<PolicyInputShmTable> table_;
 };
 
-Mosk::Ptr<PolicyInputShmReader> policyInputShmReaderFactory(std::string const& tableName);
+Mosk::Ptr<PolicyInputShmReader> policyInputShmReaderFactory(
+    std::string const& tableName, Skerry::ShmReaderOptions const& options = {});
 
 }  // namespace SrTePolicy

@@ -72,6 +72,8 @@ SrTePolicyAgent::SrTePolicyAgent(Mosk::Ptr<Vell::Clock> clock) : clock_(std::mov
 }
 
 SrTePolicyAgent::~SrTePolicyAgent() {
+  // Teardown is not a change of the active candidates.
+  activityKeeper_ = nullptr;
   staticConfigAgent_ = nullptr;
   for (auto it = allMachines.rbegin(); it != allMachines.rend(); ++it)
     drop(*it, true);
@@ -95,6 +97,19 @@ void SrTePolicyAgent::buildStore() {
   Mosk::Ptr<PolicyInput> staticTable = tables_[static_cast<U8>(PolicySource::sourceStatic)];
   if (!staticTable) staticTable = policyInputFactory(sourceTableName(PolicySource::sourceStatic));
   staticConfigAgent_ = staticConfigAgentFactory(config_, staticTable);
+  // The activity lives in the process: a new process starts it over from what EcPolicy holds.
+  activity_ = policyActivityFactory("policyActivity");
+  Mosk::Ptr<Vell::Clock const> manual;
+  if (dynamic_cast<Vell::ManualClock const*>(clock_.ptr()) != nullptr) manual = clock_;
+  activityKeeper_ = policyActivityKeeperFactory(ecPolicy_, keyToIdMap_, activity_, manual);
+  activityKeeper_->settleDueIs(activitySettleDue_);
+}
+
+void SrTePolicyAgent::activitySettleDueIs(std::function<void()> f) {
+  activitySettleDue_ = std::move(f);
+  activityKeeper_->settleDueIs(activitySettleDue_);
+  // Changes marked before anyone listened are due as well.
+  if (activitySettleDue_ && activityKeeper_->settlePending()) activitySettleDue_();
 }
 
 void SrTePolicyAgent::build(Machine machine) {
@@ -178,6 +193,7 @@ void SrTePolicyAgent::restartPipeline() {
 }
 
 void SrTePolicyAgent::restartAgent() {
+  activityKeeper_ = nullptr;
   staticConfigAgent_ = nullptr;
   for (auto it = allMachines.rbegin(); it != allMachines.rend(); ++it)
     drop(*it, false);
@@ -193,6 +209,7 @@ void SrTePolicyAgent::yieldPolicyIs(Vell::YieldPolicy const& policy) {
 
 void SrTePolicyAgent::runDue() {
   scheduler_->runDue();
+  activityKeeper_->settle();
 }
 
 void SrTePolicyAgent::advance(double seconds) {

@@ -13,7 +13,9 @@
 //   SrTePolicyLfibGenSm  policy status           -> binding-SID LFIB
 //   SegmentListExportSm  segment lists           -> exported segment lists
 // The host also plays the configuration agent: the static configuration (config()) becomes
-// candidate paths of the static source's table (StaticConfigAgent).
+// candidate paths of the static source's table (StaticConfigAgent), and it remembers since when
+// each policy's active candidate is what it is and how often it changed (policyActivity(),
+// PolicyActivityKeeper), which the pipeline itself does not keep.
 //
 // Two kinds of restart. An orderly restart of a machine runs its teardown and builds a new one.
 // An agent restart models the process dying: no teardown runs; what lives outside the process
@@ -28,6 +30,7 @@
 #include <vector>
 
 #include "MplsHelper/IndexAllocators.h"
+#include "PolicyActivityKeeper.h"
 #include "Skerry/ForwardingStatus.h"
 #include "SrTePolicy/SrTePolicyExportSms.h"
 #include "SrTePolicy/SrTePolicyInputSm.h"
@@ -76,7 +79,8 @@ class SrTePolicyAgent {
   Mosk::Ptr<Vell::TaskScheduler> const& scheduler() const { return scheduler_; }
   Mosk::Ptr<Vell::TimerWheel> const& timerWheel() const { return timerWheel_; }
   void yieldPolicyIs(Vell::YieldPolicy const& policy);
-  // Runs every task that is due now (tasks that reschedule themselves included).
+  // Runs every task that is due now (tasks that reschedule themselves included), then settles
+  // the policy activity.
   void runDue();
   // With a manual clock: moves time forward by `seconds`, stopping at each due time on the way
   // to run what is due there. Nothing else moves the clock.
@@ -112,6 +116,15 @@ class SrTePolicyAgent {
   Mosk::Ptr<SegmentIdToSegmentList> const& segmentIdToSegmentList() const { return segToSl_; }
   Mosk::Ptr<SegmentStatus> const& segmentStatus() const { return segmentStatus_; }
   Mosk::Ptr<SegmentResolver> const& segmentResolver() const { return resolver_; }
+
+  // Since when each policy's active candidate is what it is, and how often it changed. Settled
+  // after every run of the scheduler through this class (runDue, advance); a host that runs the
+  // scheduler itself calls settleActivity() once a chain of changes is done, and learns that
+  // one is due through activitySettleDueIs().
+  Mosk::Ptr<PolicyActivity> const& policyActivity() const { return activity_; }
+  void settleActivity() { activityKeeper_->settle(); }
+  // `f` is called when a settle becomes due (at once when one is due already).
+  void activitySettleDueIs(std::function<void()> f);
 
   // Outputs.
   Mosk::Ptr<SegmentListStatus> const& segmentListStatus() const { return segmentListStatus_; }
@@ -181,6 +194,9 @@ class SrTePolicyAgent {
   Mosk::Ptr<MplsHelper::SrTunnelIdxAllocator> tunnelIdxAlloc_;
   Mosk::Ptr<MplsHelper::LfibGenAdjIdxAllocator> adjIdxAlloc_;
   Mosk::Ptr<StaticConfigAgent> staticConfigAgent_;
+  Mosk::Ptr<PolicyActivity> activity_;
+  Mosk::Ptr<PolicyActivityKeeper> activityKeeper_;
+  std::function<void()> activitySettleDue_;
 
   Mosk::Ptr<PolicyInputSm> inputSm_;
   Mosk::Ptr<SegmentSm> segmentSm_;

@@ -19,6 +19,7 @@
 
 #include "Fuzz.h"
 #include "Mosk/Replication.h"
+#include "PolicyActivity.h"
 #include "SrTePolicy/SrTeColorDscpMap.h"
 #include "SrTePolicy/SrTePolicy.h"
 #include "SrTePolicy/SrTePolicyEntry.h"
@@ -107,6 +108,17 @@ void populate(Config& config, U32 round) {
   p->candidatePathIs(Preference(100))
       ->segmentListIs(Ludd::MplsLabelOperation{16001, 16002 + round}, Weight(1));
   if (round == 1) config.policyDel(key(1));
+}
+
+void populate(PolicyActivity& activity, U32 round) {
+  for (U32 c = 1; c <= 3; ++c) {
+    auto e = activity.policyIs(key(c));
+    e->activeIs(c != 2 || round == 0);
+    e->activeIdIs(PolicyId::make(PolicySource::sourcePcep, c + round).value());
+    e->activeSinceIs(1.7e9 + c + 0.25 * round);
+    e->activeTransitionsInc(1 + round);
+  }
+  if (round == 1) activity.policyDel(key(3));
 }
 
 // Types without written content are mounted from the snapshot of an empty writer.
@@ -255,6 +267,9 @@ Root const kRoots[] = {
     },
     [](U8 m, auto d, auto n) {
       run<PolicyStatus>(&named<PolicyStatus, policyStatusFactory>, m, d, n);
+    },
+    [](U8 m, auto d, auto n) {
+      run<PolicyActivity>(&named<PolicyActivity, policyActivityFactory>, m, d, n);
     },
 };
 

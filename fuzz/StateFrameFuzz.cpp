@@ -3,7 +3,9 @@
 // header, then the body it announces). A header is taken or refused whole; a body is applied
 // whole or refused by one of the runtime's errors, and a refused body must leave every copy as it
 // was: what the reader shows (the explanation srte-show prints) does not change. Whatever the
-// copies end up holding, explaining them must not fail.
+// copies end up holding, explaining them must not fail. A `refused` frame's reason is read as
+// srte-show reads it: refused by a runtime error, or text of at most maxRefusal bytes without a
+// control character; and applied to the copies it is refused like any frame without state.
 #include <array>
 #include <memory>
 #include <string>
@@ -129,6 +131,16 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
     if (Fuzz::refused([&] { header = SrTeStateSync::readFrameHeader(data + at); })) break;
     at += SrTeStateSync::FrameHeader::size;
     std::size_t const length = std::min<std::size_t>(header.bodyLength, size - at);
+    if (header.kind == FrameKind::refused) {
+      std::string why;
+      if (!Fuzz::refused([&] { why = SrTeStateSync::readRefusal(data + at, length); })) {
+        Fuzz::check(why.size() == length && why.size() <= SrTeStateSync::maxRefusal,
+                    "a refusal's reason of another length than its body");
+        for (char c : why)
+          Fuzz::check(static_cast<unsigned char>(c) >= 0x20 && c != 0x7f,
+                      "a control character in a refusal's reason");
+      }
+    }
     applyChecked(m, before, header.channel, header.kind, data + at, length);
     at += length;
   }

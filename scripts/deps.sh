@@ -7,6 +7,8 @@ packages=(
   build-essential cmake ninja-build python3 pkg-config
   libboost-dev libgtest-dev libgmock-dev googletest libbenchmark-dev nlohmann-json3-dev
   clang libclang-rt-14-dev clang-format
+  # The schema test of the state document.
+  python3-jsonschema
   # The BGP interop test: gobgpd as the peer, its .proto files, and what turns them into Python.
   gobgpd golang-github-osrg-gobgp-dev protobuf-compiler protobuf-compiler-grpc libprotobuf-dev
   python3-grpcio python3-protobuf

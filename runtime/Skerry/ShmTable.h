@@ -30,12 +30,32 @@
 //
 // Damage: a header that does not describe this record type is refused on attach. Damage found
 // later (a header that changed, an impossible record count, a slot whose state, hash or key
-// disagrees with its place or its record, a change counter that went backwards) marks the reader
-// corrupt: its walks stop, a damaged slot reads as absent, and poll() does nothing until the
-// table is attached again. One writer per table: it holds an exclusive lock on the segment,
-// which the kernel releases when the writer dies.
+// disagrees with its place or its record, a change counter that went backwards, a file cut
+// shorter than the mapping) marks the reader corrupt: its walks stop, a damaged slot reads as
+// absent, and poll() does nothing until the table is attached again.
+//
+// A file cut short while mapped would end the reading process with SIGBUS at its next access to
+// a page past the new end. A reader's mapping is therefore registered with a SIGBUS handler
+// (installed once per process, chaining to the one before it for other addresses) that maps
+// zero pages over the whole view and notes it: the access that faulted reads zeros, and the
+// reader reports the table cut short at its next look at the header. A reader also compares the
+// file's size with its mapping at every checkFile(), which finds the cut before a page is
+// touched in the usual case; the handler covers the cut that lands between the look and the
+// access. Nothing on the path of a read pays for this.
+//
+// Ownership: a table is created readable and writable by its owner alone (mode 0600), or also
+// readable by one group (0640, ShmTableOptions::readerGroup). A writer opens only a table that
+// belongs to its own user and that nobody else may write. A reader that is told whom to trust
+// (ShmReaderOptions::trustedOwner) attaches only to a table that belongs to root or that user
+// and that nobody but its owner may write, and checkFile() keeps checking it.
+//
+// One writer per table: it holds an exclusive lock on a lock object of its own ("NAME.lock",
+// mode 0600, which no reader opens), which the kernel releases when the writer dies. The lock is
+// not taken on the table itself, which readers open: any process that can open a file can lock
+// it, so a reader of a shared table could otherwise lock its writer out.
 #pragma once
 
+#include <sys/types.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -55,20 +75,50 @@
 
 namespace Skerry {
 
-// Errors of the shared-memory table service: no such table, a header that does not describe the
-// expected record type, a table held by another writer, a refusal of the system.
+// Errors of the shared-memory table service: no such table, a table not made yet, a header that
+// does not describe the expected record type, a table held by another writer or not to be
+// trusted, a refusal of the system.
 class ShmTableException : public Mosk::Exception {
  public:
-  using Exception::Exception;
+  enum class Kind {
+    refused,  // the table is there but cannot be used (the message says why)
+    missing,  // there is no table of that name
+    unready,  // the table is too short for its header, or its header is not written yet
+  };
+  explicit ShmTableException(std::string const& what, Kind kind = Kind::refused)
+      : Exception(what), kind_(kind) {}
+  Kind kind() const { return kind_; }
+
+ private:
+  Kind kind_;
 };
 
-// The size of a table when its writer creates it; an existing table keeps its own.
+// The size of a table when its writer creates it, and who may read it; an existing table keeps
+// its own.
 struct ShmTableOptions {
   // The most records the table holds (1 .. 4194304).
   U32 capacity = 4096;
   // How many changes a reader may fall behind before it must walk the whole table; rounded up to
   // a power of two (2 .. 16777216).
   U32 ringSize = 4096;
+  // The group whose members may read a new table besides its owner (mode 0640); none for the
+  // owner alone (0600). The writer must belong to the group (or be root).
+  std::optional<gid_t> readerGroup = std::nullopt;
+};
+
+// What a reader requires of a table's file before it trusts what the table holds.
+struct ShmReaderOptions {
+  // The table must belong to root or to this user, and nobody but its owner may write it. None:
+  // any table the process can open is read (tools that only look at a table).
+  std::optional<uid_t> trustedOwner = std::nullopt;
+};
+
+// What one look at a table's file found (ShmTableReader::checkFile).
+struct ShmFileCheck {
+  // The table's name was removed from the system.
+  bool removed = false;
+  // Why the table may no longer be trusted (its owner or its mode changed); empty when it may.
+  std::string untrusted;
 };
 
 // What one poll() did.
@@ -145,11 +195,16 @@ struct ShmGeometry {
 // One open segment: the descriptor, the mapping and, for the writer, its lock.
 class ShmSegment {
  public:
-  // The writer's view: opens `name`, creating it when absent, and takes the writer's lock.
-  // `created` says whether the segment is new or was left uninitialised by a creator that died.
-  static ShmSegment openWriter(std::string const& name, ShmGeometry const& geometry, bool& created);
-  // A reader's view: read-only. Raises when there is no such table or it is not initialised.
-  static ShmSegment openReader(std::string const& name);
+  // The writer's view: takes the writer's lock, then opens `name`, creating it when absent with
+  // the mode of `options`. Refuses a table that belongs to another user or that others may
+  // write. `created` says whether the segment is new or was left uninitialised by a creator
+  // that died.
+  static ShmSegment openWriter(std::string const& name, ShmGeometry const& geometry,
+                               ShmTableOptions const& options, bool& created);
+  // A reader's view: read-only, its mapping guarded against the file being cut short. Raises
+  // when there is no such table (Kind::missing), when it is not initialised (Kind::unready) or
+  // when `options` do not trust its file (Kind::refused, naming the owner or the mode).
+  static ShmSegment openReader(std::string const& name, ShmReaderOptions const& options = {});
   // A reader's view of a segment that the caller keeps in memory (a copy of a table, a test's or
   // a fuzzer's bytes), 8-byte aligned; raises as openReader for bytes too short for a header or
   // not initialised. The caller keeps the bytes while the segment is in use.
@@ -163,11 +218,19 @@ class ShmSegment {
   std::string const& name() const { return name_; }
   U8* base() const { return base_; }
   U64 size() const { return size_; }
+  // True for the caller's bytes (openBuffer), which have no file.
+  bool borrowed() const { return borrowed_; }
   ShmHeader const& header() const { return *reinterpret_cast<ShmHeader const*>(base_); }
   ShmHeader& header() { return *reinterpret_cast<ShmHeader*>(base_); }
   // True once the segment's name has been removed from the system (it lives on for those that
   // have it open, but nobody writes it any more). One system call.
   bool removed() const;
+  // One look at the file: whether its name was removed, whether `options` still trust it, and in
+  // `fileSize` its size now (the mapping's size when the file cannot be looked at).
+  ShmFileCheck checkFile(ShmReaderOptions const& options, U64& fileSize) const;
+  // True once an access to the mapping found the file cut short (the SIGBUS guard put zero
+  // pages in its place).
+  bool cutShort() const;
 
   // Writes a fresh header for `geometry` (the writer, on a new segment); the magic goes last.
   void initialise(ShmGeometry const& geometry, U32 hashCheck);
@@ -180,8 +243,10 @@ class ShmSegment {
 
   std::string name_;
   int fd_ = -1;
+  int lockFd_ = -1;  // the writer's lock object
   U8* base_ = nullptr;
   U64 size_ = 0;
+  int guard_ = -1;         // the slot of the SIGBUS guard that covers the mapping
   bool borrowed_ = false;  // the caller's bytes, not a mapping of ours
 };
 
@@ -300,7 +365,7 @@ class ShmTableWriter {
   explicit ShmTableWriter(std::string const& name, ShmTableOptions const& options = {}) {
     detail::ShmGeometry want = detail::ShmGeometry::make(sizeof(Record), sizeof(Key), options);
     bool created = false;
-    segment_ = detail::ShmSegment::openWriter(name, want, created);
+    segment_ = detail::ShmSegment::openWriter(name, want, options, created);
     U32 const hashCheck = Slots::hashOf(Key{});
     if (created) segment_.initialise(want, hashCheck);
     slots_.bind(segment_.base(), segment_.check(sizeof(Record), sizeof(Key), hashCheck));
@@ -526,13 +591,14 @@ class ShmTableReader final : public TableMount<Key, Record> {
 
  public:
   // Attaches to table `name` and takes note of the records present, so that poll() reports
-  // changes from now on. Raises ShmTableException when there is no such table or its header does
-  // not describe this record type. Damage in the slots leaves the reader corrupt instead.
-  explicit ShmTableReader(std::string const& name)
-      : ShmTableReader(detail::ShmSegment::openReader(name)) {}
+  // changes from now on. Raises ShmTableException when there is no such table, when `options`
+  // do not trust its file, or when its header does not describe this record type. Damage in the
+  // slots leaves the reader corrupt instead.
+  explicit ShmTableReader(std::string const& name, ShmReaderOptions const& options = {})
+      : ShmTableReader(detail::ShmSegment::openReader(name, options), options) {}
   // Attaches to a table's segment kept in memory by the caller, as ShmSegment::openBuffer.
   ShmTableReader(std::string const& name, U8 const* base, U64 size)
-      : ShmTableReader(detail::ShmSegment::openBuffer(name, base, size)) {}
+      : ShmTableReader(detail::ShmSegment::openBuffer(name, base, size), {}) {}
 
   std::string const& name() const { return segment_.name(); }
 
@@ -593,6 +659,15 @@ class ShmTableReader final : public TableMount<Key, Record> {
   // True once the table has been removed from the system (shmTableRemove): the view stays
   // readable, but its writer is gone and a table made anew under the name is another segment.
   bool removed() const { return segment_.removed(); }
+  // Looks at the table's file (one system call): whether it was removed, and why the reader's
+  // options no longer trust it. A file now shorter than the table marks the reader corrupt
+  // before any page past its end is read. Meant for every poll period.
+  ShmFileCheck checkFile() {
+    U64 size = 0;
+    ShmFileCheck check = segment_.checkFile(options_, size);
+    if (!segment_.borrowed() && size < slots_.geometry().segmentSize) cutShort(size);
+    return check;
+  }
 
   // The counter the writer keeps with its table.
   U32 counter() const { return detail::loadAcquire(slots_.header()->counter); }
@@ -631,7 +706,8 @@ class ShmTableReader final : public TableMount<Key, Record> {
   }
 
  private:
-  explicit ShmTableReader(detail::ShmSegment segment) : segment_(std::move(segment)) {
+  ShmTableReader(detail::ShmSegment segment, ShmReaderOptions const& options)
+      : segment_(std::move(segment)), options_(options) {
     slots_.bind(segment_.base(), segment_.check(sizeof(Record), sizeof(Key), Slots::hashOf(Key{})));
     header_ = segment_.header();
     U64 const start = detail::loadAcquire(slots_.header()->changes);
@@ -758,12 +834,24 @@ class ShmTableReader final : public TableMount<Key, Record> {
 
   // The fixed part of the header is as it was on attach, and the count is possible.
   bool headerIntact() const {
+    if (segment_.cutShort()) {
+      cutShort(std::nullopt);
+      return false;
+    }
     detail::ShmHeader const* h = slots_.header();
     if (std::memcmp(h, &header_, offsetof(detail::ShmHeader, count)) != 0) {
       damaged("the header changed since the table was attached");
       return false;
     }
     return count() <= slots_.geometry().capacity && !corrupt_;
+  }
+
+  // The file is shorter than the table (`size`, when known): what the reader sees of it is gone.
+  void cutShort(std::optional<U64> size) const {
+    damaged("the table was cut short while attached" +
+            (size ? " (" + std::to_string(*size) + " bytes of " +
+                        std::to_string(slots_.geometry().segmentSize) + ")"
+                  : std::string()));
   }
 
   void damaged(std::string const& what) const {
@@ -774,6 +862,7 @@ class ShmTableReader final : public TableMount<Key, Record> {
   }
 
   detail::ShmSegment segment_;
+  ShmReaderOptions const options_;
   Slots slots_;
   detail::ShmHeader header_;  // as attached
   U64 cursor_ = 0;            // the next change to take from the ring
@@ -791,12 +880,17 @@ class ShmTableReader final : public TableMount<Key, Record> {
 };
 
 // The system name of table `name` ("/name"); raises the range error for a name that is not
-// allowed (1 to 200 letters, digits, '.', '_' or '-').
+// allowed (1 to 200 letters, digits, '.', '_' or '-', not ending in ".lock", which names the
+// writers' locks).
 std::string shmTablePath(std::string const& name);
-// Removes table `name` from the system; processes that have it open keep their view. False when
-// there is no such table.
+// Removes table `name` and its writers' lock from the system; processes that have them open keep
+// their view. False when there is no such table.
 bool shmTableRemove(std::string const& name);
 // True when table `name` exists.
 bool shmTableExists(std::string const& name);
+// The user or group named `name` (a name, or a number below 2^32 - 1), for the owners and
+// groups a table's writer and readers are told about; none when there is no such one.
+std::optional<uid_t> shmUserId(std::string const& name);
+std::optional<gid_t> shmGroupId(std::string const& name);
 
 }  // namespace Skerry

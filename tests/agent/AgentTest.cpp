@@ -2,6 +2,8 @@
 // leading back to the same forwarding state.
 #include <gtest/gtest.h>
 
+#include <sstream>
+
 #include "PublishedState.h"
 #include "SrTePolicyAgent.h"
 
@@ -37,6 +39,35 @@ class Agent : public ::testing::Test {
     agent.sourceTableIs(source)->policyInputEntryIs(e);
   }
   PolicyKey key(char const* endpoint) { return PolicyKey(IpGenAddr::parse(endpoint), Color(7)); }
+  void routeDown(U32 label) {
+    agent.mplsStatus()->lfibRouteDel(Mpls::RouteKey(MplsLabel(label), Mpls::LFib::Source(2)));
+  }
+  // The activity of a policy as "SOURCE/INDEX since TIME xTRANSITIONS" ("-" for no active
+  // candidate), or "none".
+  std::string activity(char const* endpoint) {
+    auto a = agent.policyActivity()->policy(key(endpoint));
+    if (!a) return "none";
+    std::ostringstream os;
+    PolicyId id(a->activeId());
+    if (a->active()) {
+      os << static_cast<int>(id.source()) << "/" << id.index();
+    } else {
+      os << "-";
+    }
+    os << " since " << a->activeSince() << " x" << a->activeTransitions();
+    return os.str();
+  }
+  // Every policy's activity, for comparing before and after.
+  std::string activities() {
+    std::string out;
+    for (auto it = agent.policyActivity()->policyIterConst(); it; ++it) {
+      std::ostringstream os;
+      os << it.key().endpoint() << " " << it.ptr()->activeId() << " " << it.ptr()->activeSince()
+         << " " << it.ptr()->activeTransitions() << "; ";
+      out += os.str();
+    }
+    return out;
+  }
 
   SrTePolicyAgent agent{Vell::manualClockFactory()};
 };
@@ -88,24 +119,83 @@ TEST_F(Agent, EveryKindOfRestartLeadsBackToTheSameForwardingState) {
   std::string before = publishedState(agent);
   ASSERT_NE(before.find("192.0.2.1"), std::string::npos) << before;
   ASSERT_NE(before.find("192.0.2.3"), std::string::npos) << before;
+  // Catches: an orderly restart, which empties what a machine wrote and builds it again,
+  // counted as changes of the active candidates.
+  std::string activeBefore = activities();
+  ASSERT_EQ(agent.policyActivity()->policyCount(), 3u) << activeBefore;
 
   for (Machine m : allMachines) {
     agent.restart(m);
     agent.advanceUntilIdle();
     EXPECT_EQ(publishedState(agent), before) << "after restarting " << machineName(m);
+    EXPECT_EQ(activities(), activeBefore) << "after restarting " << machineName(m);
   }
   agent.restartPipeline();
   agent.advanceUntilIdle();
   EXPECT_EQ(publishedState(agent), before) << "after restarting the pipeline";
+  EXPECT_EQ(activities(), activeBefore) << "after restarting the pipeline";
+  // A new process counts afresh and dates what it finds active at its start.
+  agent.advance(2.0);
+  std::ostringstream restartedAt;
+  restartedAt << agent.clock()->now();
   agent.restartAgent();
   agent.advanceUntilIdle();
   EXPECT_EQ(publishedState(agent), before) << "after restarting the agent";
+  EXPECT_EQ(activity("192.0.2.1"), "1/1 since " + restartedAt.str() + " x0");
 
   // And the pipeline still follows its inputs afterwards.
   agent.sourceTableDel(PolicySource::sourceBgp);
   agent.advanceUntilIdle();
   EXPECT_EQ(agent.policyStatus()->status(key("192.0.2.1"))->id(),
             PolicyId::make(PolicySource::sourcePcep, 1).value());
+}
+
+TEST_F(Agent, ActivityCountsAndDatesSettledChangesOfTheActiveCandidate) {
+  // Catches: the transient clear-and-set of a candidate filed anew counted as two changes, a
+  // change dated by the settle rather than by when it happened, a policy that loses its last
+  // candidate not counted, an entry kept for a key nothing knows any more, and a host that
+  // drives the scheduler itself never told to settle.
+  int settleCalls = 0;
+  agent.activitySettleDueIs([&] { ++settleCalls; });
+  routeUp(16001, 1, "10.0.0.2");
+  routeUp(17001, 2, "10.0.1.2");
+  candidate(PolicySource::sourceBgp, 1, "192.0.2.1", 100, 900001, {{16001, 5}});
+  EXPECT_EQ(settleCalls, 1);
+  EXPECT_EQ(activity("192.0.2.1"), "none");  // not settled yet
+  agent.runDue();
+  EXPECT_EQ(activity("192.0.2.1"), "1/1 since 0 x1");
+
+  agent.advance(1.0);
+  candidate(PolicySource::sourcePcep, 1, "192.0.2.1", 200, 900001, {{17001, 5}});
+  agent.advance(0.5);  // dated at the change, not at the settle
+  EXPECT_EQ(activity("192.0.2.1"), "2/1 since 1 x2");
+  EXPECT_EQ(settleCalls, 2);
+
+  // The active candidate's preference changes: selection files it anew, and it stays active.
+  candidate(PolicySource::sourcePcep, 1, "192.0.2.1", 300, 900001, {{17001, 5}});
+  agent.advance(0.5);
+  EXPECT_EQ(activity("192.0.2.1"), "2/1 since 1 x2");
+
+  // Its route goes: bgp/1 takes over; then no list resolves and the policy has none.
+  routeDown(17001);
+  agent.advance(1.0);
+  EXPECT_EQ(activity("192.0.2.1"), "1/1 since 2 x3");
+  routeDown(16001);
+  agent.advance(1.0);
+  EXPECT_EQ(activity("192.0.2.1"), "- since 3 x4");
+  routeUp(16001, 3, "10.0.0.3");
+  agent.runDue();
+  EXPECT_EQ(activity("192.0.2.1"), "1/1 since 4 x5");
+
+  // Nothing knows the key any more: forgotten.
+  agent.sourceTable(PolicySource::sourceBgp)
+      ->policyInputEntryDel(PolicyId::make(PolicySource::sourceBgp, 1));
+  agent.runDue();
+  EXPECT_EQ(activity("192.0.2.1"), "- since 4 x6");
+  agent.sourceTable(PolicySource::sourcePcep)
+      ->policyInputEntryDel(PolicyId::make(PolicySource::sourcePcep, 1));
+  agent.runDue();
+  EXPECT_EQ(activity("192.0.2.1"), "none");
 }
 
 }  // namespace

@@ -3,7 +3,9 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/file.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -348,6 +350,118 @@ TEST_F(ShmTableTest, ReaderSeesItsTableRemoved) {
   Writer(name).put(rec(2, 0));
   EXPECT_TRUE(r.removed()) << "the new table is another segment";
   EXPECT_FALSE(Reader(name).removed());
+}
+
+// The uid and gid of 'nobody' on Debian: another user for the tests that run as root.
+constexpr uid_t nobody = 65534;
+
+struct stat statOf(std::string const& name) {
+  struct stat st {};
+  ::stat(("/dev/shm/" + name).c_str(), &st);
+  return st;
+}
+
+// Why opening table `name` as T (a writer or reader, with `args`) is refused, or "opened".
+template <class T, class... Args>
+std::string refusal(std::string const& name, Args... args) {
+  try {
+    T t(name, args...);
+  } catch (ShmTableException const& e) {
+    return e.what();
+  }
+  return "opened";
+}
+
+// Faults: a table created readable (or writable) by every user; a lock that another user who
+// can open the table takes, locking the source out; a writer that writes into a table another
+// user made (and controls) or that others may write; a reader told whom to trust that attaches
+// to such a table anyway.
+TEST_F(ShmTableTest, OnlyItsOwnerMayWriteOrLockATable) {
+  if (::geteuid() != 0) GTEST_SKIP() << "needs root, to act as another user";
+  Writer(name).put(rec(1, 0));
+  EXPECT_EQ(statOf(name).st_mode & 0777, 0600u);
+  ShmTableOptions shared;
+  shared.readerGroup = nobody;
+  Writer(name + "-group", shared).put(rec(1, 0));
+  EXPECT_EQ(statOf(name + "-group").st_mode & 0777, 0640u);
+  EXPECT_EQ(statOf(name + "-group").st_gid, nobody);
+  shmTableRemove(name + "-group");
+
+  // Another user who can open the table (a group member, or an earlier version's mode) locks
+  // it every way a reader can, and the writer still gets in.
+  ASSERT_EQ(::chmod(("/dev/shm/" + name).c_str(), 0644), 0);
+  pid_t locker = spawn([this](auto ready) {
+    if (::setgid(nobody) != 0 || ::setuid(nobody) != 0) throw 1;
+    int fd = ::shm_open(("/" + name).c_str(), O_RDONLY, 0);
+    struct flock lk {};
+    lk.l_type = F_RDLCK;
+    if (fd < 0 || ::flock(fd, LOCK_EX | LOCK_NB) != 0 || ::fcntl(fd, F_OFD_SETLK, &lk) != 0) {
+      throw 2;
+    }
+    ready();
+    ::pause();
+  });
+  EXPECT_EQ(refusal<Writer>(name), "opened") << "another user locked the writer out";
+  ::kill(locker, SIGKILL);
+  exitStatus(locker);
+
+  std::string const table = "table '" + name + "'";
+  ShmReaderOptions trustRoot, trustNobody;
+  trustRoot.trustedOwner = 0;
+  trustNobody.trustedOwner = nobody;
+  ASSERT_EQ(::chown(("/dev/shm/" + name).c_str(), nobody, nobody), 0);
+  ASSERT_EQ(::chmod(("/dev/shm/" + name).c_str(), 0600), 0);
+  EXPECT_EQ(refusal<Writer>(name), table +
+                                       " belongs to nobody (uid 65534), not to root (uid 0), "
+                                       "the writer's user; remove it, or write it as its "
+                                       "owner");
+  EXPECT_EQ(refusal<Reader>(name, trustRoot),
+            table +
+                " belongs to nobody (uid 65534), not to root (uid 0), the user trusted to "
+                "write it");
+  EXPECT_EQ(refusal<Reader>(name, trustNobody), "opened");
+
+  ASSERT_EQ(::chown(("/dev/shm/" + name).c_str(), 0, 0), 0);
+  ASSERT_EQ(::chmod(("/dev/shm/" + name).c_str(), 0666), 0);
+  EXPECT_EQ(refusal<Writer>(name),
+            table + " may be written by others (mode 0666); only its owner may write a table");
+  EXPECT_EQ(refusal<Reader>(name, trustRoot),
+            table + " may be written by others than its owner (mode 0666)");
+  EXPECT_EQ(Reader(name).checkFile().untrusted, "")
+      << "a reader told to trust nobody in particular";
+}
+
+// Faults: a reader killed by SIGBUS when its table's file is cut short under its mapping; the
+// cut not reported as damage, or only once a page is touched; the guard swallowing a SIGBUS
+// that is not a reader's.
+TEST_F(ShmTableTest, ATableCutShortIsReportedNotACrash) {
+  Writer(name, {16, 16}).put(rec(1, 1));
+  std::string const cut = "table '" + name + "': the table was cut short while attached";
+  // Found by the look at the file, before any page is read.
+  Reader looked(name);
+  U64 const size = statOf(name).st_size;
+  ASSERT_EQ(::truncate(("/dev/shm/" + name).c_str(), 4096), 0);
+  EXPECT_FALSE(looked.checkFile().removed);
+  EXPECT_EQ(looked.corruption(), cut + " (4096 bytes of " + std::to_string(size) + ")");
+  // Found by the access that faults: the reader reads zeros instead and reports the cut.
+  shmTableRemove(name);
+  Writer(name, {16, 16}).put(rec(1, 1));
+  Reader touched(name);
+  ASSERT_EQ(::truncate(("/dev/shm/" + name).c_str(), 0), 0);
+  Rec out;
+  EXPECT_FALSE(touched.copyOut(1, out));
+  EXPECT_FALSE(touched.poll([](U32) { ADD_FAILURE() << "a key of a cut table"; }).changed);
+  EXPECT_EQ(touched.corruption(), cut);
+  // A SIGBUS elsewhere still ends the process (by the default action, or the sanitizer's).
+  EXPECT_EXIT(
+      {
+        int fd = ::shm_open(("/" + name).c_str(), O_RDWR, 0);
+        (void)::ftruncate(fd, 8192);
+        auto* p = static_cast<volatile U8*>(::mmap(nullptr, 8192, PROT_READ, MAP_SHARED, fd, 0));
+        (void)::ftruncate(fd, 0);
+        (void)p[4096];
+      },
+      [](int) { return true; }, "");
 }
 
 TEST_F(ShmTableTest, ReaderAttachesToACopyKeptInMemory) {

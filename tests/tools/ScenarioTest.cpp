@@ -101,7 +101,8 @@ TEST_F(Platform, NextHopsInUseMoveToANewIndexAndTheRouteFollows) {
   loader.apply(s.platform);
   EXPECT_EQ(adjacencyOf(16001).index(), 1u);
 
-  std::vector<std::string> notes = loader.apply(std::get<ChangePlatform>(s.steps[0].action).change);
+  std::vector<PlatformMove> notes =
+      loader.apply(std::get<ChangePlatform>(s.steps[0].action).change);
   ASSERT_EQ(notes.size(), 1u);
   EXPECT_EQ(loader.adjacencyIndex(1), 8u);  // above the largest index the scenario names (7)
   EXPECT_EQ(adjacencyOf(16001), Mpls::AdjacencyKey(8, Mpls::AdjacencyKind::adjacency));

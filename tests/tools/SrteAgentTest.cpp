@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "AgentProcess.h"
 #include "DaemonOptions.h"
 #include "PublishedFeed.h"
 #include "ScenarioPlatform.h"
@@ -26,6 +27,7 @@
 #include "StateSync.h"
 
 using namespace SrTePolicy;
+using AgentTesting::TableRemoval;
 using SrTeDaemon::OrderedJson;
 
 namespace {
@@ -55,12 +57,6 @@ std::string gist(OrderedJson const& l) {
   if (l.contains("vias")) s += " vias " + std::to_string(l["vias"].size());
   return s;
 }
-
-// Removes a table when the test ends, whichever way.
-struct TableRemoval {
-  std::string name;
-  ~TableRemoval() { Skerry::shmTableRemove(name); }
-};
 
 class Feed : public ::testing::Test {
  protected:
@@ -261,112 +257,10 @@ TEST(DaemonOptions, ScenarioAndSocket) {
 
 // --- The daemon as a process ---------------------------------------------------------------
 
-using Clock = std::chrono::steady_clock;
-
-// srte-agent run as a child with its standard output on a pipe that the test reads line by
-// line, each wait bounded.
-class AgentProcess {
- public:
-  explicit AgentProcess(std::vector<std::string> args) {
-    int fds[2];
-    if (::pipe(fds) != 0) throw std::runtime_error("pipe");
-    pid_ = ::fork();
-    if (pid_ == 0) {
-      ::dup2(fds[1], 1);
-      ::close(fds[0]);
-      ::close(fds[1]);
-      std::vector<char*> argv{const_cast<char*>(SRTE_AGENT)};
-      for (std::string& a : args)
-        argv.push_back(a.data());
-      argv.push_back(nullptr);
-      ::execv(SRTE_AGENT, argv.data());
-      ::_exit(127);
-    }
-    ::close(fds[1]);
-    fd_ = fds[0];
-  }
-  ~AgentProcess() {
-    if (pid_ > 0 && !reaped_) {
-      ::kill(pid_, SIGKILL);
-      ::waitpid(pid_, nullptr, 0);
-    }
-    ::close(fd_);
-  }
-
-  // The next line, or null at the end of the output or after `timeout`.
-  OrderedJson next(std::chrono::milliseconds timeout = std::chrono::milliseconds(5000)) {
-    auto const deadline = Clock::now() + timeout;
-    for (;;) {
-      if (std::size_t nl = buffer_.find('\n'); nl != std::string::npos) {
-        std::string line = buffer_.substr(0, nl);
-        buffer_.erase(0, nl + 1);
-        lines_.push_back(OrderedJson::parse(line));
-        return lines_.back();
-      }
-      auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
-      if (left.count() <= 0) return nullptr;
-      pollfd p{fd_, POLLIN, 0};
-      if (::poll(&p, 1, static_cast<int>(left.count())) <= 0) continue;
-      char chunk[4096];
-      ssize_t n = ::read(fd_, chunk, sizeof chunk);
-      if (n <= 0) return nullptr;
-      buffer_.append(chunk, static_cast<std::size_t>(n));
-    }
-  }
-  // Reads lines until one with event `event`; the lines on the way are returned too.
-  std::vector<OrderedJson> until(std::string const& event) {
-    std::vector<OrderedJson> seen;
-    for (OrderedJson l = next(); !l.is_null(); l = next()) {
-      seen.push_back(l);
-      if (l["event"] == event) return seen;
-    }
-    ADD_FAILURE() << "no \"" << event << "\" line in time";
-    return seen;
-  }
-  // Reads lines until `count` lines of published state have come.
-  std::vector<OrderedJson> published(std::size_t count) {
-    std::vector<OrderedJson> out;
-    while (out.size() < count) {
-      OrderedJson l = next();
-      if (l.is_null()) {
-        ADD_FAILURE() << "only " << out.size() << " of " << count << " lines in time";
-        break;
-      }
-      if (l.contains("change")) out.push_back(l);
-    }
-    return out;
-  }
-  int terminate() {
-    ::kill(pid_, SIGTERM);
-    int status = 0;
-    ::waitpid(pid_, &status, 0);
-    reaped_ = true;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  }
-
- private:
-  pid_t pid_ = -1;
-  int fd_ = -1;
-  bool reaped_ = false;
-  std::string buffer_;
-  std::vector<OrderedJson> lines_;
-};
+using namespace AgentTesting;
 
 int runSource(std::vector<std::string> args) {
-  pid_t pid = ::fork();
-  if (pid == 0) {
-    std::vector<char*> argv{const_cast<char*>(SRTE_SOURCE)};
-    for (std::string& a : args)
-      argv.push_back(a.data());
-    argv.push_back(nullptr);
-    int null = ::open("/dev/null", O_WRONLY);
-    ::dup2(null, 1);
-    ::execv(SRTE_SOURCE, argv.data());
-    ::_exit(127);
-  }
-  int status = 0;
-  ::waitpid(pid, &status, 0);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return runProgram(SRTE_SOURCE, std::move(args)).status;
 }
 
 std::vector<std::string> gists(std::vector<OrderedJson> const& lines) {
@@ -479,6 +373,164 @@ TEST(AgentProcess, ASourceKilledWhileWritingLeavesTheDaemonRunningAndConsistent)
   EXPECT_EQ(l["change"], "changed");
   EXPECT_EQ(agent.terminate(), 0);
   Skerry::shmTableRemove(table);
+}
+
+// --- What the agent does with what it cannot trust ----------------------------------------
+
+std::string const platformFile = SRTE_EXAMPLES "/01-two-sources.json";
+
+std::string testName(std::string const& what) {
+  return "srte-test-" + std::to_string(::getpid()) + "-" + what;
+}
+
+void addCandidate(std::string const& table, std::string const& source, std::string const& endpoint,
+                  std::string const& bsid) {
+  ASSERT_EQ(runSource({"--table", table, "--source", source, "add", "--endpoint", endpoint,
+                       "--color", "100", "--binding-sid", bsid, "--segment-list", "16002"}),
+            0);
+}
+
+// The first line of `event` for `source`; no other source-attached line may come before it.
+OrderedJson lineOf(AgentProcess& agent, std::string const& event, std::string const& source) {
+  for (OrderedJson l = agent.next(); !l.is_null(); l = agent.next()) {
+    if (l["event"] == event && l.value("source", "") == source) return l;
+    EXPECT_NE(l["event"], "source-attached") << l.dump();
+  }
+  ADD_FAILURE() << "no " << event << " line for " << source << "; standard error: " << agent.err();
+  return OrderedJson::object();
+}
+
+// Whether srte-show on `socket` comes to show `text` (the agent took a change in).
+bool shows(std::string const& socket, std::string const& text) {
+  for (int i = 0; i < 100; ++i) {
+    if (runProgram(SRTE_SHOW, {"--socket", socket, "--json"}).out.find(text) != std::string::npos)
+      return true;
+  }
+  return false;
+}
+
+// Faults: the agent attaching a table that another user made (any user could feed it policies)
+// or that others than its owner may write; a refusal written on every poll, or kept once the
+// table is made right; the table of the user trusted for a source refused.
+TEST(AgentProcess, OnlyTablesOfTrustedOwnersAreAttached) {
+  if (::geteuid() != 0) GTEST_SKIP() << "needs root, to give a table to another user";
+  std::string const bgp = testName("trust-bgp"), pcep = testName("trust-pcep");
+  TableRemoval r1{bgp}, r2{pcep};
+  addCandidate(bgp, "bgp", "192.0.2.1", "900001");
+  addCandidate(pcep, "pcep", "192.0.2.2", "900002");
+  ASSERT_EQ(::chown(("/dev/shm/" + bgp).c_str(), 65534, 65534), 0);
+  ASSERT_EQ(::chmod(("/dev/shm/" + pcep).c_str(), 0666), 0);
+  AgentProcess agent({"--platform", platformFile, "--source", "bgp=" + bgp, "--source",
+                      "pcep=" + pcep, "--poll-ms", "5"});
+  EXPECT_EQ(lineOf(agent, "source-refused", "bgp")["reason"],
+            "table '" + bgp +
+                "' belongs to nobody (uid 65534), not to root (uid 0), the user "
+                "trusted to write it");
+  EXPECT_EQ(lineOf(agent, "source-refused", "pcep")["reason"],
+            "table '" + pcep + "' may be written by others than its owner (mode 0666)");
+  ASSERT_EQ(::chmod(("/dev/shm/" + pcep).c_str(), 0600), 0);
+  EXPECT_EQ(lineOf(agent, "source-attached", "pcep")["candidates"], 1);
+  for (OrderedJson l; !(l = agent.next(std::chrono::milliseconds(300))).is_null();)
+    EXPECT_NE(l.value("source", ""), "bgp") << "refused again, or attached: " << l.dump();
+  EXPECT_EQ(agent.terminate(), 0);
+
+  AgentProcess trusting({"--platform", platformFile, "--source", "bgp=" + bgp, "--source-user",
+                         "bgp=nobody", "--poll-ms", "5"});
+  EXPECT_EQ(lineOf(trusting, "source-attached", "bgp")["candidates"], 1);
+}
+
+// Faults: the agent killed (SIGBUS) by a table cut short under it, and with it every other
+// source's policies and its socket; more policies removed than the table's own; a table left
+// too short for its header waited on in silence; the table made anew not picked up.
+TEST(AgentProcess, ATableCutShortIsDetachedAndTheOthersStay) {
+  std::string const bgp = testName("cut-bgp"), pcep = testName("cut-pcep");
+  std::string const socket = "/tmp/" + testName("cut") + ".sock";
+  TableRemoval r1{bgp}, r2{pcep};
+  addCandidate(bgp, "bgp", "192.0.2.1", "900001");
+  addCandidate(pcep, "pcep", "192.0.2.2", "900002");
+  AgentProcess agent({"--platform", platformFile, "--source", "bgp=" + bgp, "--source",
+                      "pcep=" + pcep, "--socket", socket, "--poll-ms", "5"});
+  ASSERT_EQ(agent.published(6).size(), 6u);
+  ASSERT_EQ(::truncate(("/dev/shm/" + bgp).c_str(), 0), 0);
+  EXPECT_EQ(lineOf(agent, "source-corrupt", "bgp")
+                .value("reason", "")
+                .rfind("table '" + bgp + "': the table was cut short while attached", 0),
+            0u);
+  EXPECT_EQ(gists(agent.published(3)),
+            (std::vector<std::string>{"bsid-route removed 900001", "fec removed vias 1",
+                                      "policy removed 192.0.2.1"}));
+  EXPECT_EQ(lineOf(agent, "source-refused", "bgp")["reason"],
+            "table '" + bgp + "' is 0 bytes, too short for its 128-byte header");
+  // The next writer makes the table anew; the agent may attach it before its first record,
+  // which then comes through the change feed.
+  addCandidate(bgp, "bgp", "192.0.2.3", "900003");
+  lineOf(agent, "source-attached", "bgp");
+  EXPECT_EQ(gists(agent.published(3)),
+            (std::vector<std::string>{"bsid-route added 900003", "fec added vias 1",
+                                      "policy added 192.0.2.3"}));
+  EXPECT_EQ(agent.terminate(), 0);
+  EXPECT_NE(::access(socket.c_str(), F_OK), 0) << "the agent left its socket behind";
+}
+
+// Faults: SIGHUP, SIGUSR1 or SIGUSR2 ending the agent; a reader of its output that goes away
+// killing it (SIGPIPE), or the failed output reported on every line; an agent told to stop on
+// it that goes on, or leaves its socket behind.
+TEST(AgentProcess, SignalsAndALostOutputDoNotEndTheAgent) {
+  std::string const table = testName("signals");
+  std::string const socket = "/tmp/" + table + ".sock";
+  TableRemoval removal{table};
+  std::vector<std::string> const args = {"--platform", platformFile, "--source",  "bgp=" + table,
+                                         "--socket",   socket,       "--poll-ms", "5"};
+  AgentProcess agent(args);
+  agent.until("started");
+  for (auto [signal, name] : {std::pair{SIGHUP, "SIGHUP"}, std::pair{SIGUSR1, "SIGUSR1"},
+                              std::pair{SIGUSR2, "SIGUSR2"}}) {
+    ::kill(agent.pid(), signal);
+    EXPECT_EQ(agent.until("signal").back()["signal"], name) << name << " ended the agent";
+  }
+  agent.closeOutput();
+  addCandidate(table, "bgp", "192.0.2.1", "900001");
+  addCandidate(table, "bgp", "192.0.2.2", "900002");
+  EXPECT_TRUE(shows(socket, "192.0.2.2")) << "the agent no longer takes changes in";
+  EXPECT_TRUE(agent.alive());
+  EXPECT_EQ(agent.err(),
+            "srte-agent: standard output failed (Broken pipe); going on without "
+            "writing the lines\n");
+  EXPECT_EQ(agent.terminate(), 0);
+
+  std::vector<std::string> stopping = args;
+  stopping.push_back("--stop-on-output-error");
+  AgentProcess stopper(stopping);
+  stopper.until("started");
+  stopper.closeOutput();
+  addCandidate(table, "bgp", "192.0.2.3", "900003");
+  ASSERT_FALSE(stopper.alive(std::chrono::seconds(5))) << "it went on: " << stopper.err();
+  EXPECT_EQ(stopper.status(), 1);
+  EXPECT_EQ(stopper.err(), "srte-agent: standard output failed (Broken pipe); stopping\n");
+  EXPECT_NE(::access(socket.c_str(), F_OK), 0) << "the agent left its socket behind";
+}
+
+// Faults: a platform file name that is not UTF-8 ending the agent (its started line could not
+// be written); a platform file read whatever its size, or a directory taken for one.
+TEST(AgentProcess, PlatformFilesAreCheckedBeforeTheyAreRead) {
+  std::string const odd = "/tmp/" + testName("odd-\xff\xfe") + ".json";
+  std::string const table = testName("odd-table");
+  std::ofstream(odd) << slurp(platformFile);
+  AgentProcess agent({"--platform", odd, "--source", "bgp=" + table});
+  EXPECT_EQ(agent.until("started").back()["platform"],
+            "/tmp/" + testName("odd-\xef\xbf\xbd\xef\xbf\xbd") + ".json");
+  EXPECT_EQ(agent.terminate(), 0);
+  std::remove(odd.c_str());
+
+  Outcome o = runProgram(SRTE_AGENT, {"--platform", platformFile, "--max-platform-bytes", "100",
+                                      "--source", "bgp=" + table});
+  EXPECT_EQ(o.status, 2);
+  EXPECT_EQ(o.err, "srte-agent: " + platformFile +
+                       ": (document): " + std::to_string(slurp(platformFile).size()) +
+                       " bytes, more than the 100 allowed\n");
+  o = runProgram(SRTE_AGENT, {"--platform", "/tmp", "--source", "bgp=" + table});
+  EXPECT_EQ(o.status, 2);
+  EXPECT_EQ(o.err, "srte-agent: /tmp: (document): a directory, not a file\n");
 }
 
 }  // namespace

@@ -3,7 +3,9 @@
 // prints as the final state of the same scenario.
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -14,7 +16,13 @@
 #include <string>
 #include <vector>
 
+#include "AgentProcess.h"
+#include "SrTePolicy/SrTePolicyInputShm.h"
+
 using Json = nlohmann::ordered_json;
+using AgentTesting::AgentProcess;
+using AgentTesting::Outcome;
+using AgentTesting::runProgram;
 
 namespace {
 
@@ -35,6 +43,18 @@ Output run(std::string const& command) {
   int st = ::pclose(p);
   o.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
   return o;
+}
+
+// The state without the times of the active candidates' last changes: the simulator dates them
+// on its scenario clock (which starts at the epoch), the agent on the wall clock.
+Json undated(Json state) {
+  for (auto& p : state["policies"])
+    p.erase("activeSince");
+  return state;
+}
+
+double wallNow() {
+  return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
 }
 
 bool exists(std::string const& path) {
@@ -89,7 +109,8 @@ class SrteShowTest : public ::testing::Test {
     return out;
   }
 
-  // srte-show --json, until it prints `want` or ten seconds pass; the last output otherwise.
+  // srte-show --json, until it prints `want` (dates aside) or ten seconds pass; the last output
+  // otherwise.
   Json shownUntil(Json const& want) {
     Json last;
     auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
@@ -98,9 +119,22 @@ class SrteShowTest : public ::testing::Test {
       Output o = run(std::string(SRTE_SHOW) + " --json --socket " + socket_);
       if (o.status != 0) continue;
       last = Json::parse(o.out);
-      if (last == want) break;
+      if (undated(last) == undated(want)) break;
     }
     return last;
+  }
+
+  // The agent dates every policy that the simulator dates, on the wall clock within [from, to].
+  static void expectDatedWithin(Json const& shown, Json const& want, double from, double to) {
+    ASSERT_EQ(shown["policies"].size(), want["policies"].size());
+    for (std::size_t i = 0; i < shown["policies"].size(); ++i) {
+      Json const& since = shown["policies"][i]["activeSince"];
+      SCOPED_TRACE(shown["policies"][i]["name"].get<std::string>());
+      EXPECT_EQ(since.is_null(), want["policies"][i]["activeSince"].is_null());
+      if (since.is_null()) continue;
+      EXPECT_GE(since.get<double>(), from - 0.001);
+      EXPECT_LE(since.get<double>(), to + 0.001);
+    }
   }
 
   std::string dir_;
@@ -120,8 +154,14 @@ TEST_F(SrteShowTest, ShowsTheStateTheSimulatorEndsWith) {
     want.erase("time");
     ASSERT_FALSE(want["policies"].empty());
 
+    double const started = wallNow();
     Agent agent({"--scenario", scenario, "--socket", socket_});
-    EXPECT_EQ(shownUntil(want), want);
+    Json shown = shownUntil(want);
+    EXPECT_EQ(undated(shown), undated(want));
+    expectDatedWithin(shown, want, started, wallNow());
+    // The readable form says since when (the simulator's text does not: its step lines do).
+    Output text = run(std::string(SRTE_SHOW) + " --socket " + socket_);
+    EXPECT_NE(text.out.find(" UTC (active candidate changed "), std::string::npos) << text.out;
     agent.stop();
     EXPECT_FALSE(exists(socket_)) << "the agent left its socket behind";
   }
@@ -143,7 +183,7 @@ TEST_F(SrteShowTest, WatchFollowsTheAgentAcrossARestart) {
   want1.erase("time");
   auto agent =
       std::make_unique<Agent>(std::vector<std::string>{"--scenario", first, "--socket", socket_});
-  ASSERT_EQ(shownUntil(want1), want1);
+  ASSERT_EQ(undated(shownUntil(want1)), undated(want1));
 
   // The watcher prints one JSON document per change; read them as they come.
   FILE* watch = ::popen(
@@ -163,7 +203,7 @@ TEST_F(SrteShowTest, WatchFollowsTheAgentAcrossARestart) {
     }
     return Json();
   };
-  EXPECT_EQ(nextDocument(), want1);
+  EXPECT_EQ(undated(nextDocument()), undated(want1));
 
   agent->stop();
   std::string second = withoutSteps("examples/01-two-sources.json");
@@ -174,11 +214,147 @@ TEST_F(SrteShowTest, WatchFollowsTheAgentAcrossARestart) {
       std::make_unique<Agent>(std::vector<std::string>{"--scenario", second, "--socket", socket_});
   // The new agent may show a state on its way to idle first; the last one is its final state.
   Json got;
-  for (int i = 0; i < 20 && got != want2; ++i)
+  for (int i = 0; i < 20 && undated(got) != undated(want2); ++i)
     got = nextDocument();
-  EXPECT_EQ(got, want2);
+  EXPECT_EQ(undated(got), undated(want2));
   ::kill(watcher, SIGTERM);
   ::pclose(watch);
+}
+
+// A socket bound to `path` that listens and never speaks; -1 on failure.
+int listenOn(std::string const& path) {
+  int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
+  sockaddr_un a{};
+  a.sun_family = AF_UNIX;
+  std::snprintf(a.sun_path, sizeof a.sun_path, "%s", path.c_str());
+  if (::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0 && ::listen(fd, 64) == 0)
+    return fd;
+  ::close(fd);
+  return -1;
+}
+
+TEST_F(SrteShowTest, TheSocketIsPrivateAndOnlyItsOwnFileIsRemoved) {
+  // Catches: a socket that others may connect to (its mode left to the umask); a group not let
+  // in when given; a stopping agent that removes the socket a newer agent serves on; a socket
+  // made in a directory that others may change.
+  std::string scenario = withoutSteps("examples/01-two-sources.json");
+  AgentProcess first({"--scenario", scenario, "--socket", socket_}, 0);
+  first.until("started");
+  struct stat st {};
+  ASSERT_EQ(::lstat(socket_.c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0600u);
+  if (::geteuid() == 0) {
+    pid_t other = ::fork();
+    if (other == 0) {
+      bool const refused = ::setgid(65534) == 0 && ::setuid(65534) == 0 &&
+                           AgentTesting::connectTo(socket_) < 0 && errno == EACCES;
+      ::_exit(refused ? 0 : 1);
+    }
+    int status = 0;
+    ::waitpid(other, &status, 0);
+    EXPECT_EQ(status, 0) << "another user connected to the socket";
+  }
+  // A newer agent takes the path (the old file removed by hand, as a restart script might).
+  ::unlink(socket_.c_str());
+  AgentProcess second({"--scenario", scenario, "--socket", socket_, "--socket-group", "nogroup"});
+  second.until("started");
+  ASSERT_EQ(::lstat(socket_.c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0660u);
+  EXPECT_EQ(st.st_gid, 65534u);
+  EXPECT_EQ(first.terminate(), 0);
+  EXPECT_EQ(run(std::string(SRTE_SHOW) + " --json --socket " + socket_).status, 0)
+      << "the first agent removed the second one's socket";
+  EXPECT_EQ(second.terminate(), 0);
+  EXPECT_FALSE(exists(socket_));
+
+  std::string const openDir = dir_ + "-open";
+  ::mkdir(openDir.c_str(), 0777);
+  ::chmod(openDir.c_str(), 0777);
+  Outcome o = runProgram(SRTE_AGENT, {"--scenario", scenario, "--socket", openDir + "/x.sock"});
+  EXPECT_EQ(o.status, 1);
+  EXPECT_EQ(o.err, "srte-agent: state socket: the socket's directory " + openDir +
+                       " may be written by others (mode 0777) and is not sticky\n");
+  ::rmdir(openDir.c_str());
+}
+
+TEST_F(SrteShowTest, ShowGivesUpOnAListenerThatDoesNotSpeakTheProtocol) {
+  // Catches: srte-show waiting forever on a listener that sends nothing, or taking what another
+  // kind of server sends for an agent's frames.
+  int silent = listenOn(socket_);
+  Outcome o = runProgram(SRTE_SHOW, {"--socket", socket_}, std::chrono::seconds(15));
+  EXPECT_EQ(o.status, 2);
+  EXPECT_EQ(o.err, "srte-show: what listens on " + socket_ +
+                       " does not speak the agent's protocol (nothing received for 5 s)\n");
+  ::close(silent);
+  ::unlink(socket_.c_str());
+
+  int web = listenOn(socket_);
+  pid_t server = ::fork();
+  if (server == 0) {
+    for (;;)
+      (void)!::write(::accept(web, nullptr, nullptr), "HTTP/1.1 400 Bad Request\r\n\r\n", 28);
+  }
+  ::close(web);
+  o = runProgram(SRTE_SHOW, {"--socket", socket_, "--watch"}, std::chrono::seconds(15));
+  ::kill(server, SIGKILL);
+  ::waitpid(server, nullptr, 0);
+  EXPECT_EQ(o.status, 2);
+  EXPECT_EQ(o.err, "srte-show: what listens on " + socket_ +
+                       " does not speak the agent's protocol (frame refused: state frame: magic "
+                       "47, not a state frame)\n");
+}
+
+TEST_F(SrteShowTest, ReadersShareOneSnapshotAndTheirNumberIsBounded) {
+  // Catches: a snapshot built and queued for every reader, so that each reader that stalls
+  // costs the agent a whole state (about 2 MB here; 40 of them 90 MB); readers without number;
+  // a reader beyond the limit turned away without the reason, or one gone still counted.
+  std::string const table = "srte-test-" + std::to_string(::getpid()) + "-readers";
+  AgentTesting::TableRemoval removal{table};
+  constexpr U32 policies = 4000;
+  {
+    Skerry::ShmTableOptions options;
+    options.capacity = policies;
+    SrTePolicy::PolicyInputShmWriter writer(table, options);
+    for (U32 i = 1; i <= policies; ++i) {
+      SrTePolicy::PolicyInputEntry e(
+          SrTePolicy::PolicyId::make(SrTePolicy::PolicySource::sourceBgp, i));
+      e.endpointIs(Ludd::IpAddr::fromU32(0x0a000000 + i));
+      e.colorIs(SrTePolicy::Color(100));
+      e.bindingSidIs(Ludd::MplsLabel(100000 + i));
+      e.segmentListPush(SrTePolicy::WeightedSegList(SrTePolicy::Weight(1),
+                                                    Ludd::MplsLabelOperation{16002, 20000 + i}));
+      writer.put(e);
+    }
+  }
+  constexpr int stalled = 40;
+  AgentProcess agent({"--platform", std::string(SRTE_SOURCE_DIR) + "/examples/01-two-sources.json",
+                      "--source", "bgp=" + table, "--socket", socket_, "--max-readers",
+                      std::to_string(stalled + 1)});
+  U32 published = 0;
+  for (Json l; published < policies && !(l = agent.next()).is_null();)
+    published += l["event"] == "policy";
+  ASSERT_EQ(published, policies);
+  ASSERT_EQ(runProgram(SRTE_SHOW, {"--socket", socket_, "--json"}).status, 0);
+
+  long const before = AgentTesting::residentKb(agent.pid());
+  std::vector<int> readers;
+  for (int i = 0; i < stalled; ++i)
+    readers.push_back(AgentTesting::connectTo(socket_));
+  // Served in order: once this reader has its state, the stalled ones have theirs queued.
+  ASSERT_EQ(runProgram(SRTE_SHOW, {"--socket", socket_, "--json"}).status, 0);
+  EXPECT_LT(AgentTesting::residentKb(agent.pid()) - before, 16 * 1024)
+      << stalled << " stalled readers";
+
+  readers.push_back(AgentTesting::connectTo(socket_));
+  Outcome o = runProgram(SRTE_SHOW, {"--socket", socket_, "--json"});
+  EXPECT_EQ(o.status, 1);
+  EXPECT_EQ(o.err, "srte-show: refused by the agent: the agent serves at most " +
+                       std::to_string(stalled + 1) + " readers at once; try again later\n");
+  for (int fd : readers)
+    ::close(fd);
+  for (int i = 0; i < 100 && o.status != 0; ++i)
+    o = runProgram(SRTE_SHOW, {"--socket", socket_, "--json"});
+  EXPECT_EQ(o.status, 0) << "readers that went away still counted: " << o.err;
 }
 
 }  // namespace

@@ -120,7 +120,7 @@ TEST_F(SrteSource, BadInputIsRefusedAndNothingIsWritten) {
   PolicyInputShmTable reader(name);
   std::vector<std::string> seventeen = bgp({"add", "--endpoint", "10.0.0.2", "--color", "1"});
   for (int i = 0; i < 17; ++i)
-    seventeen.insert(seventeen.end(), {"--segment-list", "1:16001"});
+    seventeen.insert(seventeen.end(), {"--segment-list", "1:" + std::to_string(16001 + i)});
   writeFile(R"([{"endpoint": "10.0.0.9", "color": 1},
                 {"endpoint": "10.0.0.8", "color": "blue"}])");
   struct Case {
@@ -136,6 +136,13 @@ TEST_F(SrteSource, BadInputIsRefusedAndNothingIsWritten) {
        "--segment-list '0:16001': weight: '0' is not a number from 1 to 4294967295"},
       {bgp({"add", "--endpoint", "10.0.0.2", "--color", "1", "--segment-list", "1,2,3,4,5,6,7"}), 2,
        "--segment-list '1,2,3,4,5,6,7': 7 labels; a segment list has 1 to 6"},
+      {bgp({"add", "--endpoint", "10.0.0.2", "--color", "1", "--binding-sid", "15"}), 2,
+       "--binding-sid: label 15 is reserved (0 to 15); a binding SID is 16 to 1048575"},
+      {bgp({"add", "--endpoint", "10.0.0.2", "--color", "1", "--segment-list", "16001,16002",
+            "--segment-list", "2:16001,16002"}),
+       2,
+       "--segment-list '2:16001,16002': the same labels as --segment-list 1; a candidate path "
+       "names each segment list once"},
       {seventeen, 2, "--segment-list: more than 16 segment lists"},
       {bgp({"add", "--endpoint", "10.0.0.2"}), 2, "add: --color is required"},
       {bgp({"add", "--endpoint", "10.0.0.2", "--colour", "1"}), 2,
@@ -165,6 +172,32 @@ TEST_F(SrteSource, BadInputIsRefusedAndNothingIsWritten) {
     EXPECT_EQ(r.err, prefix + c.err + "\n");
     EXPECT_EQ(r.out, "");
   }
+  // Files that load refuses: the reason, exit 2, never a crash.
+  struct FileCase {
+    std::string text;
+    std::string err;
+  } const files[] = {
+      {R"([{"endpoint": "10.0.0.9", "color": 1e400}])",
+       file + ": not JSON: number overflow parsing '1e400'"},
+      {std::string(100000, '[') + std::string(100000, ']'),
+       file + ": nested deeper than 32 levels"},
+      {R"([{"endpoint": "10.0.0.9", "color": 1, "bindingSid": 3}])",
+       file + ": candidate 0: 'bindingSid': label 3 is reserved (0 to 15); a binding SID is 16 "
+              "to 1048575"},
+      {R"([{"endpoint": "10.0.0.9", "color": 1,
+            "segmentLists": [{"labels": [16001]}, {"weight": 2, "labels": [16001]}]}])",
+       file + ": candidate 0: 'segmentLists'[1]: the same labels as segment list 1; a "
+              "candidate path names each segment list once"},
+  };
+  for (FileCase const& c : files) {
+    writeFile(c.text);
+    r = run(bgp({"load", file}));
+    EXPECT_EQ(r.status, 2) << c.err;
+    EXPECT_EQ(r.err, prefix + c.err + "\n");
+  }
+  r = run(bgp({"load", "/tmp"}));
+  EXPECT_EQ(r.status, 2);
+  EXPECT_EQ(r.err, prefix + "/tmp: a directory, not a file\n");
   EXPECT_FALSE(reader.pending()) << "a refused command wrote to the table";
   EXPECT_EQ(reader.count(), 1u);
   EXPECT_EQ(run({"--help"}, false).status, 0);

@@ -1,12 +1,17 @@
 // The state socket in one process: a server over a pipeline that plays a scenario, readers
 // mounting it over a real Unix-domain socket, the io_context driven by hand with bounded polls.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <boost/asio/local/stream_protocol.hpp>
 #include <boost/asio/write.hpp>
 #include <chrono>
+#include <cstdlib>
+#include <filesystem>
 #include <functional>
+#include <random>
 
 #include "ScenarioReader.h"
 #include "ScenarioRunner.h"
@@ -91,6 +96,49 @@ TEST_F(StateSyncTest, ReaderFollowsEveryStepAndALateReaderGetsTheSameState) {
     ASSERT_TRUE(until([&] { return late->synced(); }));
     EXPECT_EQ(shown(*late), want);
   }
+}
+
+TEST_F(StateSyncTest, ReadersJoiningAtAnyMomentShowTheAgentsState) {
+  // Catches: a shared snapshot handed to a reader without every delta published since it was
+  // built, or with a delta it already holds applied out of order; a snapshot kept past the
+  // changes it misses.
+  auto run = runner("examples/01-two-sources.json");
+  auto server = serve(run->agent());
+  std::mt19937 rng(11);
+  Mosk::Ptr<SrTePolicy::PolicyInput> table =
+      run->agent().sourceTableIs(SrTePolicy::PolicySource::sourceOther);
+  std::vector<std::unique_ptr<StateClient>> readers;
+  for (int step = 0; step < 300; ++step) {
+    U32 const index = static_cast<U32>(1 + rng() % 30);
+    SrTePolicy::PolicyId const id =
+        SrTePolicy::PolicyId::make(SrTePolicy::PolicySource::sourceOther, index);
+    if (rng() % 4 == 0) {
+      table->policyInputEntryDel(id);
+    } else {
+      SrTePolicy::PolicyInputEntry e(id);
+      e.endpointIs(Ludd::IpAddr::fromU32(0xc0000200 + index));
+      e.colorIs(SrTePolicy::Color(7));
+      e.preferenceIs(SrTePolicy::Preference(static_cast<U32>(100 + rng() % 20)));
+      e.bindingSidIs(Ludd::MplsLabel(700000 + index));
+      e.segmentListPush(SrTePolicy::WeightedSegList(
+          SrTePolicy::Weight(static_cast<U32>(1 + rng() % 3)),
+          Ludd::MplsLabelOperation{rng() % 2 ? 16002u : 16003u, static_cast<U32>(30 + rng() % 5)}));
+      table->policyInputEntryIs(e);
+    }
+    run->agent().advanceUntilIdle();
+    if (rng() % 2) server->publish();
+    if (rng() % 3 == 0 && readers.size() < 20) readers.push_back(reader());
+    if (rng() % 8 == 0 && !readers.empty()) readers.erase(readers.begin() + rng() % readers.size());
+    if (step % 25 != 24) continue;
+    server->publish();
+    OrderedJson const want = withoutTime(SrTeScenario::explainState(run->agent(), false));
+    for (auto const& r : readers) {
+      ASSERT_TRUE(until([&] { return r->synced() && shown(*r) == want; }))
+          << "step " << step << ": " << r->lastTrouble();
+    }
+  }
+  EXPECT_GT(readers.size(), 5u);
+  EXPECT_LT(server->snapshotsBuilt(), 60u) << "a snapshot per reader";
 }
 
 TEST_F(StateSyncTest, ReaderCopiesAreReadOnly) {
@@ -224,6 +272,64 @@ TEST_F(StateSyncTest, RefusedFrameDropsTheConnectionAndResynchronises) {
   }));
   fake.close();
   ::unlink(path_.c_str());
+}
+
+TEST_F(StateSyncTest, AcceptPausesWhenTheProcessIsOutOfDescriptors) {
+  // Catches: a server that, out of file descriptors, tries to accept the waiting connection
+  // again at once, failing at once, and so spins a core until a descriptor comes back; one that
+  // then never accepts it.
+  auto run = runner("examples/01-two-sources.json");
+  auto server = serve(run->agent());
+  boost::asio::local::stream_protocol::socket client(io_);
+  client.connect(boost::asio::local::stream_protocol::endpoint(path_));  // waits in the backlog
+  // No descriptor left: the limit just above the highest in use, and every free one below taken.
+  int highest = 0;
+  for (auto const& e : std::filesystem::directory_iterator("/proc/self/fd"))
+    highest = std::max(highest, std::stoi(e.path().filename().string()));
+  rlimit saved{};
+  ::getrlimit(RLIMIT_NOFILE, &saved);
+  rlimit tight = saved;
+  tight.rlim_cur = static_cast<rlim_t>(highest) + 1;
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &tight), 0);
+  std::vector<int> taken;
+  for (int fd; (fd = ::open("/dev/null", O_RDONLY)) >= 0;)
+    taken.push_back(fd);
+  auto cpu = [] {
+    rusage u{};
+    ::getrusage(RUSAGE_SELF, &u);
+    return double(u.ru_utime.tv_sec + u.ru_stime.tv_sec) +
+           double(u.ru_utime.tv_usec + u.ru_stime.tv_usec) / 1e6;
+  };
+  double const start = cpu();
+  for (auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(500);
+       std::chrono::steady_clock::now() < end;)
+    io_.run_for(std::chrono::milliseconds(10));
+  double const spent = cpu() - start;
+  for (int fd : taken)
+    ::close(fd);
+  ::setrlimit(RLIMIT_NOFILE, &saved);
+  EXPECT_LT(spent, 0.05) << "the loop spun while out of descriptors";
+  EXPECT_GT(server->acceptPauses(), 0u);
+  EXPECT_TRUE(until([&] { return server->clientCount() == 1; })) << "never accepted afterwards";
+}
+
+TEST(StateSyncPaths, TheDefaultSocketIsInADirectoryOfTheUsersOwn) {
+  // Catches: a default socket in a directory that every user may write (/tmp), where another
+  // user can take the name first and answer in the agent's place.
+  char const* saved = std::getenv("XDG_RUNTIME_DIR");
+  std::string const kept = saved ? saved : "";
+  ::unsetenv("XDG_RUNTIME_DIR");
+  std::string const want =
+      ::geteuid() == 0 ? "/run/srte-agent/srte-agent.sock"
+                       : "/tmp/srte-agent-" + std::to_string(::geteuid()) + "/srte-agent.sock";
+  EXPECT_EQ(defaultSocketPath(), want);
+  ::setenv("XDG_RUNTIME_DIR", "/run/user/7", 1);
+  EXPECT_EQ(defaultSocketPath(), "/run/user/7/srte-agent.sock");
+  if (saved) {
+    ::setenv("XDG_RUNTIME_DIR", kept.c_str(), 1);
+  } else {
+    ::unsetenv("XDG_RUNTIME_DIR");
+  }
 }
 
 TEST(StateSyncFrames, MalformedBodiesChangeNothing) {

@@ -6,8 +6,10 @@
 // policies.
 //
 // The result is one JSON document in a stable order (policies by key, candidates by rank,
-// segment lists by id, FECs by id, routes by label); the text and Graphviz renderers draw the
-// same document, so every output form carries the same content.
+// segment lists by id, tunnels by id, FECs by id, routes by label), each object's keys in a
+// fixed order: every fact as a field (numbers as numbers, states and reasons as codes), with the
+// sentences a person reads beside them. docs/state.schema.json describes it. The text and
+// Graphviz renderers draw the same document.
 //
 // What is explained is a StateView: the entities the explanation reads, filled either from a
 // pipeline in this process (srte-sim) or from the copies that a reader mounts from a running
@@ -40,7 +42,8 @@ using SegmentListDirectory = std::map<U32, SegmentListInfo>;
 SegmentListInfo segmentListInfo(SrTePolicy::SegmentListUser const& user);
 SegmentListDirectory segmentListDirectory(SrTePolicy::SegmentListIdToPolicyMap const& map);
 
-// The entities an explanation reads; every pointer must be set. `time` is the pipeline's clock
+// The entities an explanation reads; every pointer must be set but the last two, which a host
+// may not have (an empty section or no activity is shown then). `time` is the pipeline's clock
 // when there is one worth showing (a reader of a running agent leaves it out).
 struct StateView {
   std::optional<double> time;
@@ -60,6 +63,9 @@ struct StateView {
   // The FECs of published policies and the binding-SID routes.
   Mosk::Ptr<Skerry::Fib::ForwardingStatus const> srteFwdStatus;
   Mosk::Ptr<Mpls::Status const> bsidLfib;
+  // The segment lists exported to other agents, and the host's memory of the active candidates.
+  Mosk::Ptr<SrTePolicy::Export::SegmentListCollection const> exportedSegmentLists;
+  Mosk::Ptr<SrTePolicy::PolicyActivity const> activity;
 };
 
 // The state that `view` shows. `platform` also lists the platform's tables; `loader`, when
@@ -79,5 +85,11 @@ std::string fecName(Fib::FecId const& id);
 std::string keyName(SrTePolicy::PolicyKey const& key);
 // A label stack top first: "16001 16002".
 std::string stackText(Ludd::MplsLabelOperation const& op);
+
+// One next hop of a tunnel as the document gives it: address, interface and the stack pushed,
+// in words and as labels top first.
+OrderedJson nextHopJson(Tunnel::TunnelTable::MplsVia const& via);
+// Adds "policy", "endpoint" and "color" of the policy `key` names (nulls when none) to `out`.
+void policyRefJson(OrderedJson& out, std::optional<SrTePolicy::PolicyKey> const& key);
 
 }  // namespace SrTeScenario

@@ -93,7 +93,7 @@ Fib::Fec const& PlatformLoader::storedFec(Family family, Fib::FecId id) const {
   return family == Family::ipv4 ? fwd_->fec(id) : fwd6_->fec(id);
 }
 
-void PlatformLoader::writeFec(Fec const& fec, std::vector<std::string>& notes) {
+void PlatformLoader::writeFec(Fec const& fec, std::vector<PlatformMove>& notes) {
   Family family = fec.ref.family;
   Space& space = family == Family::ipv4 ? fec4_ : fec6_;
   Fib::FecId oldId = fecId(family, current(space, fec.ref.index));
@@ -116,7 +116,7 @@ void PlatformLoader::writeFec(Fec const& fec, std::vector<std::string>& notes) {
   os << (family == Family::ipv4 ? "ipv4" : "ipv6") << " FEC " << fec.ref.index
      << ": new next hops published as FEC index " << moved
      << " and its external FEC adjacencies re-pointed";
-  notes.push_back(os.str());
+  notes.push_back({family == Family::ipv4 ? "ipv4Fec" : "ipv6Fec", fec.ref.index, moved, os.str()});
   for (U64 user : users) {
     std::optional<Mpls::ExtFecAdjacency> adj = lfib_->lfibExtFecAdjacency(user);
     writeExtFec(extFecName(user), newId, adj->labelAction(), notes);
@@ -129,7 +129,7 @@ void PlatformLoader::writeFec(Fec const& fec, std::vector<std::string>& notes) {
 }
 
 void PlatformLoader::writeExtFec(U64 name, Fib::FecId fecId, Ludd::MplsLabelAction action,
-                                 std::vector<std::string>& notes) {
+                                 std::vector<PlatformMove>& notes) {
   U64 index = current(extFec_, name);
   std::optional<Mpls::ExtFecAdjacency> old = lfib_->lfibExtFecAdjacency(index);
   if (old && *old == Mpls::ExtFecAdjacency(fecId, action)) return;
@@ -142,13 +142,14 @@ void PlatformLoader::writeExtFec(U64 name, Fib::FecId fecId, Ludd::MplsLabelActi
   lfib_->lfibExtFecAdjacencyIs(moved, fecId, action);
   repointRoutes(index, moved, true);
   lfib_->lfibExtFecAdjacencyDel(index);
-  notes.push_back("external FEC adjacency " + std::to_string(name) +
-                  ": new content published as index " + std::to_string(moved) +
-                  " and its routes re-pointed");
+  notes.push_back({"extFecAdjacency", name, moved,
+                   "external FEC adjacency " + std::to_string(name) +
+                       ": new content published as index " + std::to_string(moved) +
+                       " and its routes re-pointed"});
 }
 
 void PlatformLoader::writeAdjacency(ViaList const& list, bool viaSet,
-                                    std::vector<std::string>& notes) {
+                                    std::vector<PlatformMove>& notes) {
   U64 index = current(adjacency_, list.index);
   Mpls::ViaSet vias = viaSetOf(list.vias);
   std::optional<Mpls::ViaSet> oldSet = lfib_->viaSet(index);
@@ -177,13 +178,14 @@ void PlatformLoader::writeAdjacency(ViaList const& list, bool viaSet,
   repointRoutes(index, moved, false);
   lfib_->viaSetDel(index);
   lfib_->lfibAdjacencyDel(index);
-  notes.push_back(std::string(viaSet ? "via set " : "LFIB adjacency ") +
-                  std::to_string(list.index) + ": new next hops published as index " +
-                  std::to_string(moved) + " and its routes re-pointed");
+  notes.push_back({viaSet ? "viaSet" : "adjacency", list.index, moved,
+                   std::string(viaSet ? "via set " : "LFIB adjacency ") +
+                       std::to_string(list.index) + ": new next hops published as index " +
+                       std::to_string(moved) + " and its routes re-pointed"});
 }
 
-std::vector<std::string> PlatformLoader::apply(PlatformChange const& change) {
-  std::vector<std::string> notes;
+std::vector<PlatformMove> PlatformLoader::apply(PlatformChange const& change) {
+  std::vector<PlatformMove> notes;
   for (Fec const& f : change.fecs)
     writeFec(f, notes);
   for (ExtFecAdjacency const& a : change.extFecAdjacencies) {

@@ -24,14 +24,24 @@
 
 namespace SrTeScenario {
 
+// An entry that a change published anew under another index: its table ("ipv4Fec",
+// "ipv6Fec", "extFecAdjacency", "viaSet", "adjacency"), the scenario's number for it, the index it
+// is published under now, and the sentence that says so.
+struct PlatformMove {
+  std::string table;
+  U64 scenarioIndex = 0;
+  U64 index = 0;
+  std::string text;
+};
+
 class PlatformLoader {
  public:
   PlatformLoader(Mosk::Ptr<Mpls::Status> lfib, Mosk::Ptr<Skerry::Fib::ForwardingStatus> fwd,
                  Mosk::Ptr<Skerry::Fib6::ForwardingStatus> fwd6, IndexCeiling ceiling = {});
 
   // Applies `change`: additions bottom up, then removals top down, then the resync. Returns
-  // one line per entry that was published anew under another index.
-  std::vector<std::string> apply(PlatformChange const& change);
+  // the entries that were published anew under another index.
+  std::vector<PlatformMove> apply(PlatformChange const& change);
 
   // The index under which the scenario's entry is published now.
   U64 adjacencyIndex(U64 name) const { return current(adjacency_, name); }
@@ -58,10 +68,10 @@ class PlatformLoader {
   static Fib::Fec makeFec(Fib::FecId id, std::vector<FecVia> const& vias);
   void commitFec(Family family, Fib::Fec const& fec);
   Fib::Fec const& storedFec(Family family, Fib::FecId id) const;
-  void writeFec(Fec const& fec, std::vector<std::string>& notes);
+  void writeFec(Fec const& fec, std::vector<PlatformMove>& notes);
   void writeExtFec(U64 name, Fib::FecId fecId, Ludd::MplsLabelAction action,
-                   std::vector<std::string>& notes);
-  void writeAdjacency(ViaList const& list, bool viaSet, std::vector<std::string>& notes);
+                   std::vector<PlatformMove>& notes);
+  void writeAdjacency(ViaList const& list, bool viaSet, std::vector<PlatformMove>& notes);
   // Re-points every route over `from` (of the kinds `extFec` selects) at `to`.
   void repointRoutes(U64 from, U64 to, bool extFec);
   bool routesUse(U64 index, bool extFec) const;

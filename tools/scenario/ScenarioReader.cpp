@@ -4,6 +4,13 @@
 // (or never made) is refused with its own path.
 #include "ScenarioReader.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
 #include <algorithm>
 #include <fstream>
 #include <initializer_list>
@@ -323,8 +330,9 @@ class Reader {
             SrTePolicy::Weight(static_cast<U32>(weight->unsignedIn(1, Mosk::maxU32, "weight")));
       }
       Node labels = l.required("labels");
+      // A list without labels is what the input record allows; it never resolves (it has no
+      // top label), and the output shows it so.
       labels.requireArray("the labels, top first");
-      if (labels.size() == 0) labels.fail("a segment list needs at least one label");
       if (labels.size() > Ludd::MplsLabelOperation::capacity) {
         labels.at(Ludd::MplsLabelOperation::capacity)
             .fail("a segment list holds at most six labels; this is label 7");
@@ -854,13 +862,44 @@ Scenario readScenarioText(std::string const& text, std::string const& fileName) 
   return Reader(fileName).read(doc);
 }
 
-Scenario readScenarioFile(std::string const& fileName) {
-  std::ifstream in(fileName, std::ios::binary);
-  if (!in) throw ScenarioError(fileName, "", "cannot open the file");
-  std::ostringstream text;
-  text << in.rdbuf();
-  if (in.bad()) throw ScenarioError(fileName, "", "cannot read the file");
-  return readScenarioText(text.str(), fileName);
+std::string readTextFile(std::string const& fileName, U64 maxBytes) {
+  // Not blocking: a FIFO is refused below instead of waited on.
+  int fd = ::open(fileName.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  if (fd < 0)
+    throw ScenarioError(fileName, "", std::string("cannot open the file: ") + std::strerror(errno));
+  std::string text, problem;
+  struct stat st {};
+  if (::fstat(fd, &st) != 0) {
+    problem = std::string("cannot read the file: ") + std::strerror(errno);
+  } else if (S_ISDIR(st.st_mode)) {
+    problem = "a directory, not a file";
+  } else if (!S_ISREG(st.st_mode)) {
+    problem = "not a regular file";
+  } else if (static_cast<U64>(st.st_size) > maxBytes) {
+    problem = std::to_string(st.st_size) + " bytes, more than the " + std::to_string(maxBytes) +
+              " allowed";
+  } else {
+    // Read to the end, but never past the limit, should the file grow meanwhile.
+    char buf[65536];
+    for (;;) {
+      ssize_t n = ::read(fd, buf, sizeof buf);
+      if (n < 0 && errno == EINTR) continue;
+      if (n < 0) problem = std::string("cannot read the file: ") + std::strerror(errno);
+      if (n <= 0) break;
+      text.append(buf, static_cast<std::size_t>(n));
+      if (text.size() > maxBytes) {
+        problem = "more than the " + std::to_string(maxBytes) + " bytes allowed";
+        break;
+      }
+    }
+  }
+  ::close(fd);
+  if (!problem.empty()) throw ScenarioError(fileName, "", problem);
+  return text;
+}
+
+Scenario readScenarioFile(std::string const& fileName, U64 maxBytes) {
+  return readScenarioText(readTextFile(fileName, maxBytes), fileName);
 }
 
 }  // namespace SrTeScenario

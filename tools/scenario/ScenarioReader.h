@@ -31,8 +31,12 @@ class ScenarioError : public std::runtime_error {
 };
 
 // Reads and checks the scenario in `fileName`; raises ScenarioError (also when the file cannot
-// be read).
-Scenario readScenarioFile(std::string const& fileName);
+// be read, is not a regular file, or holds more than `maxBytes` bytes).
+Scenario readScenarioFile(std::string const& fileName, U64 maxBytes = ~U64(0));
+// The contents of the regular file `fileName`, of at most `maxBytes` bytes; raises ScenarioError
+// (without a JSON path) naming what is wrong: it cannot be opened or read, it is a directory or
+// another kind of file (a FIFO is refused, not waited on), it is larger.
+std::string readTextFile(std::string const& fileName, U64 maxBytes = ~U64(0));
 // The same for scenario text already in memory; `fileName` only names it in errors.
 Scenario readScenarioText(std::string const& text, std::string const& fileName);
 

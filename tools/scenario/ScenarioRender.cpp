@@ -1,6 +1,8 @@
 #include "ScenarioRender.h"
 
+#include <cmath>
 #include <cstdio>
+#include <ctime>
 #include <map>
 #include <set>
 
@@ -34,6 +36,26 @@ std::string joined(OrderedJson const& list, char const* sep) {
   return out;
 }
 
+// The field `key` of every object of `list`, joined.
+std::string joined(OrderedJson const& list, char const* key, char const* sep) {
+  std::string out;
+  for (auto const& v : list)
+    out += (out.empty() ? "" : sep) + str(v[key]);
+  return out;
+}
+
+// "2024-05-01 12:00:03.125 UTC": seconds since the Unix epoch, to the millisecond.
+std::string utcTime(double t) {
+  std::time_t whole = static_cast<std::time_t>(std::floor(t));
+  int ms = static_cast<int>(std::floor((t - std::floor(t)) * 1000));
+  std::tm tm{};
+  ::gmtime_r(&whole, &tm);
+  char buf[64];
+  std::snprintf(buf, sizeof buf, "%04d-%02d-%02d %02d:%02d:%02d.%03d UTC", tm.tm_year + 1900,
+                tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec, ms);
+  return buf;
+}
+
 // Graphviz identifiers and labels are quoted; quotes inside are escaped. Backslashes are left
 // alone: the labels use Graphviz's own "\n" for line breaks.
 std::string dotQuoted(std::string const& s) {
@@ -63,7 +85,7 @@ void renderTextRecord(std::ostream& os, OrderedJson const& record) {
   if (record.contains("error")) os << indent << "error: " << str(record["error"]) << "\n";
   if (record.contains("notes")) {
     for (auto const& n : record["notes"])
-      os << indent << "platform: " << str(n) << "\n";
+      os << indent << "platform: " << str(n["text"]) << "\n";
   }
   if (record.contains("configProblems")) {
     for (auto const& p : record["configProblems"])
@@ -73,7 +95,7 @@ void renderTextRecord(std::ostream& os, OrderedJson const& record) {
     os << indent << "task runs: " << record["taskRuns"].get<U64>() << "\n";
   }
   for (auto const& c : record["changes"])
-    os << indent << "- " << str(c) << "\n";
+    os << indent << "- " << str(c["text"]) << "\n";
   if (record.contains("state")) {
     std::string title = record.contains("title") ? str(record["title"])
                         : record.contains("end") ? "final"
@@ -96,6 +118,12 @@ void renderTextState(std::ostream& os, OrderedJson const& state, std::string con
       os << "    active " << str(p["active"]);
       if (!p["activeBindingSid"].is_null()) os << ", binding SID " << p["activeBindingSid"].dump();
       os << "\n";
+    }
+    // A running agent says since when; a simulation's step lines already tell when it changed.
+    if (!state.contains("time") && !p["activeSince"].is_null()) {
+      U64 n = p["activeTransitions"].get<U64>();
+      os << "    since " << utcTime(p["activeSince"].get<double>()) << " (active candidate changed "
+         << n << (n == 1 ? " time" : " times") << " since the agent started)\n";
     }
     OrderedJson const& pub = p["published"];
     if (pub.is_null()) {
@@ -135,7 +163,7 @@ void renderTextState(std::ostream& os, OrderedJson const& state, std::string con
   for (auto const& l : state["segmentLists"]) {
     os << "  " << l["id"].dump() << " " << labels(l["labels"]) << " used by "
        << joined(l["usedBy"], ", ") << ": ";
-    if (l["resolved"].get<bool>()) {
+    if (l["valid"].get<bool>()) {
       os << "tunnel " << str(l["tunnel"]) << " (" << str(l["via"]) << ")\n";
       for (auto const& h : l["nextHops"]) {
         os << "      next hop " << str(h["nextHop"]) << " " << str(h["interface"]) << " push "
@@ -149,7 +177,7 @@ void renderTextState(std::ostream& os, OrderedJson const& state, std::string con
   if (state["policyFecs"].empty()) os << "  (none)\n";
   for (auto const& f : state["policyFecs"]) {
     os << "  " << str(f["fec"]) << " for " << str(f["policy"]) << ": tunnels "
-       << joined(f["tunnels"], ", ") << "\n";
+       << joined(f["tunnels"], "tunnel", ", ") << "\n";
   }
   os << "binding-SID routes\n";
   if (state["bindingSidRoutes"].empty()) os << "  (none)\n";
@@ -161,25 +189,26 @@ void renderTextState(std::ostream& os, OrderedJson const& state, std::string con
   if (!state["warnings"].empty()) {
     os << "warnings\n";
     for (auto const& w : state["warnings"])
-      os << "  " << str(w) << "\n";
+      os << "  " << str(w["text"]) << "\n";
   }
   if (state.contains("platform")) {
     OrderedJson const& pl = state["platform"];
     os << "platform\n";
     for (auto const& r : pl["routes"]) {
       os << "  route " << r["label"].dump() << " source " << r["source"].dump() << " "
-         << str(r["type"]) << " -> " << str(r["adjacency"]) << "\n";
+         << str(r["type"]) << " -> " << str(r["adjacency"]["name"]) << "\n";
     }
     for (auto const& v : pl["viaSets"])
-      os << "  via set " << v["index"].dump() << ": " << joined(v["vias"], "; ") << "\n";
-    for (auto const& a : pl["adjacencies"])
-      os << "  adjacency " << a["index"].dump() << ": " << joined(a["vias"], "; ") << "\n";
+      os << "  via set " << v["index"].dump() << ": " << joined(v["vias"], "text", "; ") << "\n";
+    for (auto const& a : pl["adjacencies"]) {
+      os << "  adjacency " << a["index"].dump() << ": " << joined(a["vias"], "text", "; ") << "\n";
+    }
     for (auto const& e : pl["extFecAdjacencies"]) {
       os << "  external FEC adjacency " << e["index"].dump() << " -> FEC " << str(e["fec"])
          << " action " << str(e["action"]) << "\n";
     }
     for (auto const& f : pl["fecs"])
-      os << "  FEC " << str(f["fec"]) << ": " << joined(f["vias"], "; ") << "\n";
+      os << "  FEC " << str(f["fec"]) << ": " << joined(f["vias"], "text", "; ") << "\n";
   }
 }
 
@@ -215,7 +244,7 @@ void renderDot(std::ostream& os, OrderedJson const& state) {
   }
   for (auto const& [id, l] : lists) {
     OrderedJson const& list = *l;
-    bool resolved = list["resolved"].get<bool>();
+    bool resolved = list["valid"].get<bool>();
     os << "  " << dotQuoted(id) << " [shape=box, label="
        << dotQuoted("list " + list["id"].dump() + "\\n" + labels(list["labels"])) << ", "
        << (resolved ? "color=black" : "color=red") << "];\n";

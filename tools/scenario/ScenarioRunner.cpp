@@ -47,6 +47,17 @@ std::string candidateText(Candidate const& c) {
   return os.str();
 }
 
+OrderedJson movesJson(std::vector<PlatformMove> const& moves) {
+  OrderedJson out = OrderedJson::array();
+  for (PlatformMove const& m : moves) {
+    out.push_back(OrderedJson{{"table", m.table},
+                              {"scenarioIndex", m.scenarioIndex},
+                              {"index", m.index},
+                              {"text", m.text}});
+  }
+  return out;
+}
+
 // "1 route", "2 routes"; `plural` where adding an s will not do.
 std::string count(std::size_t n, std::string const& what, std::string const& plural = "") {
   return std::to_string(n) + " " + (n == 1 ? what : plural.empty() ? what + "s" : plural);
@@ -117,6 +128,7 @@ ScenarioRunner::~ScenarioRunner() = default;
 OrderedJson ScenarioRunner::start() {
   OrderedJson record;
   record["step"] = 0;
+  record["kind"] = "start";
   record["time"] = 0.0;
   std::size_t candidates = 0;
   for (SourceTable const& t : scenario_.sources)
@@ -135,8 +147,8 @@ OrderedJson ScenarioRunner::start() {
       count(candidates, "candidate path");
   Digest before = digest();
   guarded(record, [this](OrderedJson& r) {
-    std::vector<std::string> notes = platform_->apply(scenario_.platform);
-    if (!notes.empty()) r["notes"] = notes;
+    r["notes"] = movesJson(platform_->apply(scenario_.platform));
+    if (r["notes"].empty()) r.erase("notes");
     if (scenario_.hasConfig) applyConfig(scenario_.config);
     for (SourceTable const& t : scenario_.sources)
       addSourceTable(t);
@@ -149,6 +161,7 @@ OrderedJson ScenarioRunner::runStep(std::size_t index) {
   Step const& step = scenario_.steps.at(index);
   OrderedJson record;
   record["step"] = index + 1;
+  record["kind"] = kindOf(step.action);
   record["time"] = roundedTime(agent_->clock()->now());
   record["action"] = describe(step.action);
   if (!step.note.empty()) record["note"] = step.note;
@@ -228,8 +241,8 @@ void ScenarioRunner::apply(StepAction const& action, OrderedJson& record) {
   } else if (auto const* rs = std::get_if<RemoveSource>(&action)) {
     agent.sourceTableDel(rs->source);
   } else if (auto const* p = std::get_if<ChangePlatform>(&action)) {
-    std::vector<std::string> notes = platform_->apply(p->change);
-    if (!notes.empty()) record["notes"] = notes;
+    record["notes"] = movesJson(platform_->apply(p->change));
+    if (record["notes"].empty()) record.erase("notes");
   } else if (auto const* adv = std::get_if<Advance>(&action)) {
     agent.advance(adv->seconds);
   } else if (auto const* y = std::get_if<SetYield>(&action)) {
@@ -248,6 +261,26 @@ void ScenarioRunner::apply(StepAction const& action, OrderedJson& record) {
         break;
     }
   }
+}
+
+char const* ScenarioRunner::kindOf(StepAction const& action) {
+  return std::visit(
+      [](auto const& a) -> char const* {
+        using T = std::decay_t<decltype(a)>;
+        if constexpr (std::is_same_v<T, AddCandidate>) return "add";
+        if constexpr (std::is_same_v<T, ChangeCandidate>) return "change";
+        if constexpr (std::is_same_v<T, RemoveCandidate>) return "remove";
+        if constexpr (std::is_same_v<T, ChangeConfig>) return "config";
+        if constexpr (std::is_same_v<T, AddSource>) return "addSource";
+        if constexpr (std::is_same_v<T, RemoveSource>) return "removeSource";
+        if constexpr (std::is_same_v<T, ChangePlatform>) return "platform";
+        if constexpr (std::is_same_v<T, Advance>) return "advance";
+        if constexpr (std::is_same_v<T, SetYield>) return "yield";
+        if constexpr (std::is_same_v<T, Restart>) return "restart";
+        if constexpr (std::is_same_v<T, Show>) return "show";
+        return "?";
+      },
+      action);
 }
 
 std::string ScenarioRunner::describe(StepAction const& action) const {
@@ -320,46 +353,69 @@ ScenarioRunner::Digest ScenarioRunner::digest() const {
   SrTePolicy::SrTePolicyAgent const& agent = *agent_;
   for (auto it = agent.ecPolicy()->policyIterConst(); it; ++it) {
     if (auto active = it.ptr()->active()) {
-      d.active[it.key()] = candidateName(PolicyId(active->priority().id()));
+      U32 id = active->priority().id();
+      d.active[it.key()] = ActiveState{id, candidateName(PolicyId(id))};
     }
   }
   for (auto it = agent.policyStatus()->statusIterConst(); it; ++it) {
-    std::ostringstream os;
-    os << candidateName(PolicyId(it.ptr()->id()));
-    if (!it.ptr()->bindingSid().isNone()) os << ", binding SID " << it.ptr()->bindingSid().value();
+    PublishedState p;
+    p.id = it.ptr()->id();
+    p.bindingSid = it.ptr()->bindingSid();
     std::set<Tunnel::TunnelTable::TunnelId> tunnels;
     if (it.ptr()->weightedViaSet()) {
       for (auto w = it.ptr()->weightedViaSet()->weightedViaIter(); w; ++w)
         tunnels.insert(w.key());
     }
+    p.tunnels.assign(tunnels.begin(), tunnels.end());
+    std::ostringstream os;
+    os << candidateName(PolicyId(p.id));
+    if (!p.bindingSid.isNone()) os << ", binding SID " << p.bindingSid.value();
     os << ", " << (tunnels.size() == 1 ? "tunnel" : "tunnels");
     for (auto const& t : tunnels)
       os << " " << tunnelName(t);
-    d.published[it.key()] = os.str();
+    p.text = os.str();
+    d.published[it.key()] = std::move(p);
   }
   for (auto it = agent.segmentListIdToPolicyMap()->segmentListUserIterConst(); it; ++it) {
     auto status = agent.segmentListStatus()->status(it.key());
-    std::string value = kUnresolved;
+    ListState l;
+    l.text = kUnresolved;
     if (status) {
-      value = tunnelName(status->tunnelId()) + kHopsMark;
+      l.tunnel = status->tunnelId();
+      l.text = tunnelName(status->tunnelId()) + kHopsMark;
       if (auto entry = agent.tunnelTable()->entry(status->tunnelId())) {
         std::string hops;
         for (auto const& via : *entry) {
-          std::ostringstream os;
-          os << via.nextHop() << " " << via.intf() << " push " << stackText(via.labelOperation());
-          hops += (hops.empty() ? "" : "; ") + os.str();
+          OrderedJson hop = nextHopJson(via);
+          hops += (hops.empty() ? "" : "; ") + hop["nextHop"].get<std::string>() + " " +
+                  hop["interface"].get<std::string>() + " push " + hop["push"].get<std::string>();
+          l.nextHops.push_back(std::move(hop));
         }
-        value += hops;
+        l.text += hops;
       }
     }
-    d.lists[it.key().value()] = value;
+    d.lists[it.key().value()] = std::move(l);
   }
   return d;
 }
 
+namespace {
+
+OrderedJson tunnelJson(std::optional<Tunnel::TunnelTable::TunnelId> const& t) {
+  return t ? OrderedJson(tunnelName(*t)) : OrderedJson(nullptr);
+}
+
+OrderedJson tunnelIdJson(std::optional<Tunnel::TunnelTable::TunnelId> const& t) {
+  return t ? OrderedJson(t->value()) : OrderedJson(nullptr);
+}
+
+}  // namespace
+
 OrderedJson ScenarioRunner::changes(Digest const& before, Digest const& after) const {
   OrderedJson out = OrderedJson::array();
-  auto compare = [&out](auto const& a, auto const& b, auto const& line) {
+  // Calls `record(key, was, now)` for every key whose text differs; `was` or `now` is null when
+  // the key is absent on that side.
+  auto compare = [](auto const& a, auto const& b, auto const& record) {
     std::set<typename std::decay_t<decltype(a)>::key_type> keys;
     for (auto const& [k, v] : a)
       keys.insert(k);
@@ -368,46 +424,105 @@ OrderedJson ScenarioRunner::changes(Digest const& before, Digest const& after) c
     for (auto const& k : keys) {
       auto x = a.find(k);
       auto y = b.find(k);
-      std::string was = x == a.end() ? "" : x->second;
-      std::string now = y == b.end() ? "" : y->second;
-      if (was == now) continue;
-      std::string text = line(k, was, now);
-      if (!text.empty()) out.push_back(text);
+      auto const* was = x == a.end() ? nullptr : &x->second;
+      auto const* now = y == b.end() ? nullptr : &y->second;
+      if (was && now && was->text == now->text) continue;
+      record(k, was, now);
     }
   };
   // A list that comes or goes unresolved is not a change of forwarding: it is left out.
-  compare(before.lists, after.lists, [](U32 id, std::string const& was, std::string const& now) {
+  compare(before.lists, after.lists, [&out](U32 id, ListState const* was, ListState const* now) {
     std::string name = "segment list " + std::to_string(id);
-    auto tunnel = [](std::string const& v) { return v.substr(0, v.find(kHopsMark)); };
-    auto hops = [](std::string const& v) { return v.substr(v.find(kHopsMark) + 1); };
-    if (now.empty()) {
-      return was == kUnresolved ? std::string() : name + " gone (was tunnel " + tunnel(was) + ")";
+    bool wasResolved = was && was->tunnel;
+    if (!wasResolved && !(now && now->tunnel)) return;
+    auto hops = [](ListState const& l) { return l.text.substr(l.text.find(kHopsMark) + 1); };
+    OrderedJson c;
+    c["kind"] = "segmentList";
+    c["id"] = id;
+    std::string change;
+    std::string text;
+    if (!now) {
+      change = "gone";
+      text = name + " gone (was tunnel " + tunnelName(*was->tunnel) + ")";
+    } else if (!now->tunnel) {
+      change = "unresolved";
+      text = name + " unresolved (was tunnel " + tunnelName(*was->tunnel) + ")";
+    } else if (!wasResolved) {
+      change = "resolved";
+      text = name + " resolved: tunnel " + tunnelName(*now->tunnel) + " via " + hops(*now);
+    } else if (*was->tunnel != *now->tunnel) {
+      change = "moved";
+      text = name + " moved to tunnel " + tunnelName(*now->tunnel) + " (was " +
+             tunnelName(*was->tunnel) + ") via " + hops(*now);
+    } else {
+      change = "nextHops";
+      text = name + " next hops now " + hops(*now) + " (tunnel " + tunnelName(*now->tunnel) + ")";
     }
-    if (now == kUnresolved) {
-      return was.empty() ? std::string() : name + " unresolved (was tunnel " + tunnel(was) + ")";
-    }
-    if (was.empty() || was == kUnresolved) {
-      return name + " resolved: tunnel " + tunnel(now) + " via " + hops(now);
-    }
-    if (tunnel(was) != tunnel(now)) {
-      return name + " moved to tunnel " + tunnel(now) + " (was " + tunnel(was) + ") via " +
-             hops(now);
-    }
-    return name + " next hops now " + hops(now) + " (tunnel " + tunnel(now) + ")";
+    c["change"] = change;
+    c["tunnel"] = now ? tunnelJson(now->tunnel) : OrderedJson(nullptr);
+    c["tunnelId"] = now ? tunnelIdJson(now->tunnel) : OrderedJson(nullptr);
+    c["nextHops"] = now ? now->nextHops : OrderedJson::array();
+    c["was"] = wasResolved ? OrderedJson{{"tunnel", tunnelJson(was->tunnel)},
+                                         {"tunnelId", tunnelIdJson(was->tunnel)},
+                                         {"nextHops", was->nextHops}}
+                           : OrderedJson(nullptr);
+    c["text"] = text;
+    out.push_back(std::move(c));
   });
   compare(before.active, after.active,
-          [](PolicyKey const& k, std::string const& was, std::string const& now) {
+          [&out](PolicyKey const& k, ActiveState const* was, ActiveState const* now) {
             std::string name = "policy " + keyName(k);
-            if (was.empty()) return name + ": active candidate " + now;
-            if (now.empty()) return name + ": no active candidate (was " + was + ")";
-            return name + ": active candidate " + now + " (was " + was + ")";
+            OrderedJson c;
+            c["kind"] = "active";
+            policyRefJson(c, k);
+            c["change"] = !was ? "chosen" : !now ? "lost" : "switched";
+            c["candidate"] = now ? OrderedJson(now->text) : OrderedJson(nullptr);
+            c["candidateId"] = now ? OrderedJson(now->id) : OrderedJson(nullptr);
+            c["was"] = was ? OrderedJson{{"candidate", was->text}, {"candidateId", was->id}}
+                           : OrderedJson(nullptr);
+            c["text"] = !was ? name + ": active candidate " + now->text
+                        : !now
+                            ? name + ": no active candidate (was " + was->text + ")"
+                            : name + ": active candidate " + now->text + " (was " + was->text + ")";
+            out.push_back(std::move(c));
           });
+  auto publishedJson = [](PublishedState const& p, OrderedJson& into) {
+    into["candidate"] = candidateName(PolicyId(p.id));
+    into["candidateId"] = p.id;
+    into["bindingSid"] =
+        p.bindingSid.isNone() ? OrderedJson(nullptr) : OrderedJson(p.bindingSid.value());
+    OrderedJson tunnels = OrderedJson::array();
+    for (auto const& t : p.tunnels)
+      tunnels.push_back(OrderedJson{{"tunnel", tunnelName(t)}, {"tunnelId", t.value()}});
+    into["tunnels"] = tunnels;
+  };
   compare(before.published, after.published,
-          [](PolicyKey const& k, std::string const& was, std::string const& now) {
+          [&out, &publishedJson](PolicyKey const& k, PublishedState const* was,
+                                 PublishedState const* now) {
             std::string name = "policy " + keyName(k);
-            if (was.empty()) return name + ": published " + now;
-            if (now.empty()) return name + ": withdrawn (was " + was + ")";
-            return name + ": published " + now + " (was " + was + ")";
+            OrderedJson c;
+            c["kind"] = "published";
+            policyRefJson(c, k);
+            c["change"] = !was ? "published" : !now ? "withdrawn" : "changed";
+            if (now) {
+              publishedJson(*now, c);
+            } else {
+              c["candidate"] = nullptr;
+              c["candidateId"] = nullptr;
+              c["bindingSid"] = nullptr;
+              c["tunnels"] = OrderedJson::array();
+            }
+            if (was) {
+              OrderedJson w;
+              publishedJson(*was, w);
+              c["was"] = w;
+            } else {
+              c["was"] = nullptr;
+            }
+            c["text"] = !was   ? name + ": published " + now->text
+                        : !now ? name + ": withdrawn (was " + was->text + ")"
+                               : name + ": published " + now->text + " (was " + was->text + ")";
+            out.push_back(std::move(c));
           });
   return out;
 }

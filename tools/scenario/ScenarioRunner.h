@@ -51,11 +51,28 @@ class ScenarioRunner {
   bool failed() const { return failed_; }
 
  private:
-  // What the change lines compare from one step to the next.
+  // What the change records compare from one step to the next: per policy its active
+  // candidate and what is published, per segment list its tunnel and next hops. `text` is how
+  // the change lines word the state, and what two states are compared by.
+  struct ListState {
+    std::optional<Tunnel::TunnelTable::TunnelId> tunnel;  // none: unresolved
+    OrderedJson nextHops = OrderedJson::array();
+    std::string text;
+  };
+  struct ActiveState {
+    U32 id = 0;
+    std::string text;
+  };
+  struct PublishedState {
+    U32 id = 0;
+    Ludd::MplsLabel bindingSid;
+    std::vector<Tunnel::TunnelTable::TunnelId> tunnels;
+    std::string text;
+  };
   struct Digest {
-    std::map<SrTePolicy::PolicyKey, std::string> active;
-    std::map<SrTePolicy::PolicyKey, std::string> published;
-    std::map<U32, std::string> lists;
+    std::map<SrTePolicy::PolicyKey, ActiveState> active;
+    std::map<SrTePolicy::PolicyKey, PublishedState> published;
+    std::map<U32, ListState> lists;
   };
   Digest digest() const;
   OrderedJson changes(Digest const& before, Digest const& after) const;
@@ -66,6 +83,8 @@ class ScenarioRunner {
   void settle(OrderedJson& record);
 
   std::string describe(StepAction const& action) const;
+  // "add", "change", ..., "show": what kind of step `action` is.
+  static char const* kindOf(StepAction const& action);
   void apply(StepAction const& action, OrderedJson& record);
   void addSourceTable(SourceTable const& table);
   void applyConfig(StaticConfig const& config);

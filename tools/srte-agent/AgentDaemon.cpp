@@ -2,10 +2,11 @@
 #include "AgentDaemon.h"
 
 #include <unistd.h>
+
 #include <boost/asio/post.hpp>
 #include <chrono>
-
 #include <csignal>
+#include <iostream>
 
 #include "Flicker/Flicker.h"
 #include "ScenarioReader.h"
@@ -19,17 +20,25 @@ AgentDaemon::AgentDaemon(boost::asio::io_context& io, DaemonOptions options, std
       pollTimer_(io),
       signals_(io),
       alive_(std::make_shared<Alive>(Alive{this})) {
+  // Caught from here on: a signal that comes while the platform loads waits for start().
+  for (int signal : {SIGINT, SIGTERM, SIGHUP, SIGUSR1, SIGUSR2})
+    signals_.add(signal);
   if (options_.traceLevel >= 0) {
     Flicker::traceEnabledLevelsIs("*", (1u << (options_.traceLevel + 1)) - 1);
   }
   agent_ = std::make_unique<SrTePolicy::SrTePolicyAgent>(Vell::monotonicClockFactory());
   agent_->yieldPolicyIs(Vell::YieldPolicy::timeSlice(options_.sliceUs / 1e6));
   log_ = std::make_unique<EventLog>(out, agent_->clock());
+  log_->onFailureIs([this](std::string const& why) { outputFailed(why); });
   loadPlatform();
   if (options_.socket) {
+    SrTeStateSync::ServerOptions serverOptions;
+    serverOptions.maxReaders = options_.maxReaders;
+    serverOptions.socketGroup = options_.socketGroup;
     try {
       server_ = std::make_unique<SrTeStateSync::StateServer>(
-          io_, *options_.socket, SrTeStateSync::servedStateOf(*agent_, status_, colorDscpMap_));
+          io_, *options_.socket, SrTeStateSync::servedStateOf(*agent_, status_, colorDscpMap_),
+          serverOptions);
     } catch (std::runtime_error const& e) {
       throw PlatformError(std::string("state socket: ") + e.what(), 1);
     }
@@ -53,7 +62,7 @@ void AgentDaemon::loadPlatform() {
   if (!file) return;
   SrTeScenario::Scenario scenario;
   try {
-    scenario = SrTeScenario::readScenarioFile(*file);
+    scenario = SrTeScenario::readScenarioFile(*file, options_.maxPlatformBytes);
   } catch (SrTeScenario::ScenarioError const& e) {
     throw PlatformError(e.what(), 2);
   }
@@ -90,19 +99,63 @@ void AgentDaemon::start() {
 
   driver_ = std::make_unique<Vell::AsioDriver>(io_, agent_->scheduler());
   feed_ = std::make_unique<PublishedFeed>(*agent_, *log_, [this] { flushSoon(); });
+  // The scheduler runs on the loop, not through the host: the activity is settled once the
+  // loop has finished the chain of changes that marked it.
+  agent_->activitySettleDueIs([this] { settleActivitySoon(); });
   for (SourceOption const& s : options_.sources)
     sources_.push_back(std::make_unique<SourceWatcher>(*agent_, *log_, s));
 
-  signals_.add(SIGINT);
-  signals_.add(SIGTERM);
-  signals_.async_wait([alive = alive_](boost::system::error_code const& ec, int signal) {
-    if (ec || !alive->daemon) return;
-    alive->daemon->stop(signal == SIGINT ? "SIGINT" : "SIGTERM");
-  });
+  awaitSignal();
   status_->agentEnabledIs(true);
   // The first look for the tables happens at once, after this line.
   log_->write("started", f);
   armPoll(true);
+}
+
+void AgentDaemon::awaitSignal() {
+  signals_.async_wait([alive = alive_](boost::system::error_code const& ec, int signal) {
+    if (ec || !alive->daemon) return;
+    alive->daemon->onSignal(signal);
+  });
+}
+
+void AgentDaemon::onSignal(int signal) {
+  switch (signal) {
+    case SIGINT:
+      stop("SIGINT");
+      return;
+    case SIGTERM:
+      stop("SIGTERM");
+      return;
+    case SIGHUP:
+      reload();
+      break;
+    default: {
+      OrderedJson f;
+      f["signal"] = signal == SIGUSR1 ? "SIGUSR1" : "SIGUSR2";
+      f["effect"] = "none";
+      log_->write("signal", f);
+    }
+  }
+  awaitSignal();
+}
+
+void AgentDaemon::reload() {
+  OrderedJson f;
+  f["signal"] = "SIGHUP";
+  f["effect"] = "none: the command line is read once, at start";
+  log_->write("signal", f);
+}
+
+void AgentDaemon::outputFailed(std::string const& why) {
+  std::cerr << "srte-agent: standard output failed (" << why << "); "
+            << (options_.stopOnOutputError ? "stopping" : "going on without writing the lines")
+            << std::endl;
+  if (!options_.stopOnOutputError) return;
+  // Not from inside the write that failed: the caller may be halfway through the pipeline.
+  boost::asio::post(io_, [alive = alive_, why] {
+    if (alive->daemon) alive->daemon->stop("standard output failed: " + why, 1);
+  });
 }
 
 void AgentDaemon::armPoll(bool soon) {
@@ -144,23 +197,43 @@ void AgentDaemon::flushSoon() {
   });
 }
 
+void AgentDaemon::settleActivitySoon() {
+  if (settleQueued_) return;
+  settleQueued_ = true;
+  boost::asio::post(io_, [alive = alive_] {
+    if (!alive->daemon || !alive->daemon->agent_) return;
+    alive->daemon->settleQueued_ = false;
+    alive->daemon->agent_->settleActivity();
+  });
+}
+
 int AgentDaemon::run() {
   for (;;) {
     try {
       io_.run();
-      return 0;
+      return exitStatus_;
     } catch (Mosk::Exception const& e) {
       OrderedJson f;
       f["error"] = e.what();
       log_->write("error", f);
       // A task that raised left the scheduler's timer unarmed: arm it for what is still due.
       if (driver_) driver_->onEarliestDueTime();
+    } catch (std::exception const& e) {
+      // Not an error of the pipeline's input: the daemon cannot tell what state it left, so it
+      // stops in order rather than go on.
+      std::cerr << "srte-agent: " << e.what() << std::endl;
+      OrderedJson f;
+      f["error"] = e.what();
+      log_->write("error", f);
+      stop(std::string("error: ") + e.what(), 1);
+      return exitStatus_;
     }
   }
 }
 
-void AgentDaemon::stop(std::string const& why) {
+void AgentDaemon::stop(std::string const& why, int status) {
   if (!agent_) return;
+  exitStatus_ = status;
   OrderedJson f;
   f["reason"] = why;
   log_->write("stopping", f);

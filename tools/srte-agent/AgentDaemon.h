@@ -1,8 +1,13 @@
 // srte-agent's daemon: the host (SrTePolicyAgent) on a Boost.Asio event loop with the machine's
 // steady clock, a time-slice yield policy and the scheduler driven by Vell::AsioDriver; the
 // platform state loaded from a scenario file; a SourceWatcher per configured source on one poll
-// timer; the published-state feed writing its lines after every chain of changes; and SIGINT
-// and SIGTERM handled by stopping in order.
+// timer; the published-state feed writing its lines after every chain of changes; SIGINT and
+// SIGTERM handled by stopping in order; SIGHUP, SIGUSR1 and SIGUSR2 caught from construction on
+// so that none of them ends the process (SIGHUP goes to reload()).
+//
+// Every way out after start() passes through stop(), which writes the "stopped" line (when the
+// output still takes it) and lets the state server remove its socket: a signal, a failed
+// output when so configured, an unexpected error out of a handler.
 //
 // main() owns the io_context and one AgentDaemon; other servers of the process take the same
 // io_context and reach the host through agent(). With a socket given, the daemon serves the
@@ -52,12 +57,17 @@ class AgentDaemon {
 
   // Writes the "started" line, starts watching the sources and the signals.
   void start();
-  // Runs the event loop until stop(); an error that escapes a handler of the pipeline is
-  // written as an "error" line and the loop goes on. Returns the exit status (0).
+  // Runs the event loop until stop(); an error of the runtime that escapes a handler of the
+  // pipeline is written as an "error" line and the loop goes on; any other error stops the
+  // daemon. Returns the exit status: 0 after a signal, 1 after an output failure or an error.
   int run();
   // Stops polling, detaches the feed, tears the host down in reverse build order and writes
-  // the "stopped" line; the loop then runs out. `why` goes into the "stopping" line.
-  void stop(std::string const& why);
+  // the "stopped" line; the loop then runs out. `why` goes into the "stopping" line; `status`
+  // becomes the exit status.
+  void stop(std::string const& why, int status = 0);
+  // What SIGHUP does: the one place where reading the configuration again belongs. The command
+  // line is read once, so for now it only says so.
+  void reload();
   bool stopped() const { return !agent_; }
 
   boost::asio::io_context& io() { return io_; }
@@ -68,9 +78,13 @@ class AgentDaemon {
 
  private:
   void loadPlatform();
+  void awaitSignal();
+  void onSignal(int signal);
+  void outputFailed(std::string const& why);
   void armPoll(bool soon);
   void pollSources();
   void flushSoon();
+  void settleActivitySoon();
 
   // Shared with the handlers queued on the loop, which may outlive what they would call.
   struct Alive {
@@ -97,7 +111,9 @@ class AgentDaemon {
   boost::asio::signal_set signals_;
   std::shared_ptr<Alive> alive_;
   bool flushQueued_ = false;
+  bool settleQueued_ = false;
   bool pollSoon_ = false;
+  int exitStatus_ = 0;
 };
 
 }  // namespace SrTeDaemon

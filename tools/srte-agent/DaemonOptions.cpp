@@ -1,6 +1,7 @@
 // Reading srte-agent's command line.
 #include "DaemonOptions.h"
 
+#include <algorithm>
 #include <set>
 
 #include "Scenario.h"
@@ -13,7 +14,9 @@ using SrTePolicy::PolicySource;
 
 char const* const daemonUsage =
     R"(usage: srte-agent [--platform FILE | --scenario FILE] [--source NAME=TABLE ...]
-                  [--serve | --socket PATH] [--poll-ms N] [--slice-us N] [--trace LEVEL]
+                  [--source-user NAME=USER ...] [--serve | --socket PATH]
+                  [--socket-group GROUP] [--max-readers N] [--max-platform-bytes N]
+                  [--stop-on-output-error] [--poll-ms N] [--slice-us N] [--trace LEVEL]
                   [--help]
 
 Runs the SR-TE policy pipeline on an event loop: reads the candidate paths that sources write
@@ -28,13 +31,30 @@ binding-SID routes) on standard output. See docs/agent.md for the lines.
                     loaded (the sources into tables inside the process; its steps are not
                     played); shared-memory tables are read only for sources given by --source
   --serve           serve the agent's state to readers such as srte-show on the default socket,
-                    $XDG_RUNTIME_DIR/srte-agent.sock (/tmp/srte-agent.sock without it)
+                    $XDG_RUNTIME_DIR/srte-agent.sock; without XDG_RUNTIME_DIR
+                    /run/srte-agent/srte-agent.sock for root, else
+                    /tmp/srte-agent-UID/srte-agent.sock (the directory is made private)
   --socket PATH     the same on the Unix-domain socket PATH
+  --socket-group GROUP
+                    members of GROUP may connect to the socket too (mode 0660); without it
+                    only the agent's user may (0600)
+  --max-readers N   the most readers served at once, 1 to 4096 (default 32); one more gets a
+                    frame that says why and is closed
   --source NAME=TABLE
                     read source NAME (bgp, pcep or other) from table TABLE (/dev/shm/TABLE);
                     repeat for several sources. A table that does not exist yet is looked for
                     every poll period. Default: bgp=srte-bgp, pcep=srte-pcep, other=srte-other
                     (the tables srte-source writes by default).
+  --source-user NAME=USER
+                    the user (name or number) trusted to write source NAME's table besides
+                    root (default: the agent's own user). A table of another owner, or one
+                    that others than its owner may write, is refused and waited on.
+  --max-platform-bytes N
+                    a platform or scenario file larger than N bytes is refused
+                    (default 67108864)
+  --stop-on-output-error
+                    stop when standard output fails (its reader went away); by default the
+                    agent says so once on standard error and goes on without the lines
   --poll-ms N       how often tables are polled and missing ones looked for, 1 to 10000
                     (default 10)
   --slice-us N      how long a task runs before it yields to the event loop, 10 to 1000000
@@ -43,8 +63,10 @@ binding-SID routes) on standard output. See docs/agent.md for the lines.
   --help            this text
 
 SIGINT or SIGTERM stops it: the pipeline is torn down and the last line says "stopped".
+SIGHUP, SIGUSR1 and SIGUSR2 do not stop it; SIGPIPE is ignored.
 Exit status: 0 stopped by a signal, 1 the platform (or the scenario's inputs) could not be
-loaded or the socket could not be served, 2 bad usage or a platform file that is not valid.
+loaded, the socket could not be served, or the agent stopped on an output error or an
+unexpected error, 2 bad usage or a platform file that is not valid.
 )";
 
 namespace {
@@ -75,7 +97,7 @@ SourceOption sourceOption(std::string const& text) {
                      "' is not a source that writes a table (bgp, pcep or other; the static "
                      "source is the agent's own configuration)");
   }
-  SourceOption given{*source, text.substr(eq + 1)};
+  SourceOption given{*source, text.substr(eq + 1), std::nullopt};
   try {
     (void)Skerry::shmTablePath(given.table);
   } catch (Mosk::RangeException const& e) {
@@ -92,6 +114,7 @@ std::string defaultTable(PolicySource source) {
 
 DaemonOptions parseDaemonOptions(std::vector<std::string> const& args) {
   DaemonOptions o;
+  std::vector<std::pair<PolicySource, uid_t>> users;
   for (std::size_t i = 0; i < args.size(); ++i) {
     std::string name = args[i], value;
     bool hasValue = false;
@@ -109,8 +132,14 @@ DaemonOptions parseDaemonOptions(std::vector<std::string> const& args) {
       o.socket = SrTeStateSync::defaultSocketPath();
       continue;
     }
+    if (name == "--stop-on-output-error" && !hasValue) {
+      o.stopOnOutputError = true;
+      continue;
+    }
     static std::set<std::string> const withValue = {
-        "--platform", "--scenario", "--socket", "--source", "--poll-ms", "--slice-us", "--trace"};
+        "--platform",    "--scenario", "--socket",      "--socket-group",
+        "--max-readers", "--source",   "--source-user", "--max-platform-bytes",
+        "--poll-ms",     "--slice-us", "--trace"};
     if (!withValue.count(name)) {
       if (name.rfind("-", 0) == 0) throw UsageError("unknown option '" + name + "'");
       throw UsageError("unexpected argument '" + name + "'");
@@ -145,6 +174,24 @@ DaemonOptions parseDaemonOptions(std::vector<std::string> const& args) {
         }
       }
       o.sources.push_back(std::move(given));
+    } else if (name == "--source-user") {
+      std::size_t const eq = value.find('=');
+      std::optional<PolicySource> source =
+          eq == std::string::npos ? std::nullopt : SrTeScenario::sourceByName(value.substr(0, eq));
+      if (!source) {
+        throw UsageError("--source-user: '" + value + "' is not NAME=USER (for example bgp=bgpd)");
+      }
+      std::optional<uid_t> uid = Skerry::shmUserId(value.substr(eq + 1));
+      if (!uid) throw UsageError("--source-user: no user '" + value.substr(eq + 1) + "'");
+      users.emplace_back(*source, *uid);
+    } else if (name == "--socket-group") {
+      if (o.socketGroup) throw UsageError("--socket-group given twice");
+      o.socketGroup = Skerry::shmGroupId(value);
+      if (!o.socketGroup) throw UsageError("--socket-group: no group '" + value + "'");
+    } else if (name == "--max-readers") {
+      o.maxReaders = number(name, value, 1, 4096);
+    } else if (name == "--max-platform-bytes") {
+      o.maxPlatformBytes = number(name, value, 1, 4000000000u);
     } else if (name == "--poll-ms") {
       o.pollMs = number(name, value, 1, 10000);
     } else if (name == "--slice-us") {
@@ -160,9 +207,23 @@ DaemonOptions parseDaemonOptions(std::vector<std::string> const& args) {
   if (o.sources.empty() && !o.scenario) {
     for (PolicySource s :
          {PolicySource::sourceBgp, PolicySource::sourcePcep, PolicySource::sourceOther}) {
-      o.sources.push_back({s, defaultTable(s)});
+      o.sources.push_back({s, defaultTable(s), std::nullopt});
     }
   }
+  for (auto const& [source, uid] : users) {
+    auto it = std::find_if(o.sources.begin(), o.sources.end(),
+                           [source = source](SourceOption const& s) { return s.source == source; });
+    if (it == o.sources.end()) {
+      throw UsageError(std::string("--source-user: source ") + SrTeScenario::sourceName(source) +
+                       " is not read");
+    }
+    if (it->user) {
+      throw UsageError(std::string("--source-user: ") + SrTeScenario::sourceName(source) +
+                       " given twice");
+    }
+    it->user = uid;
+  }
+  if (o.socketGroup && !o.socket) throw UsageError("--socket-group: no socket is served");
   return o;
 }
 

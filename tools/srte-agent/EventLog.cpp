@@ -1,7 +1,9 @@
 // Writing the daemon's JSON lines.
 #include "EventLog.h"
 
+#include <cerrno>
 #include <cmath>
+#include <cstring>
 
 #include "Mosk/Exception.h"
 
@@ -27,8 +29,16 @@ void EventLog::write(std::string_view event, OrderedJson const& fields) {
       line[key] = value;
     }
   }
-  out_ << line.dump() << '\n';
+  if (failed_) return;
+  errno = 0;
+  out_ << line.dump(-1, ' ', false, OrderedJson::error_handler_t::replace) << '\n';
   out_.flush();
+  if (!out_) {
+    failed_ = true;
+    std::string const why = errno != 0 ? std::strerror(errno) : "the write failed";
+    if (onFailure_) onFailure_(why);
+    return;
+  }
   ++lines_;
 }
 

@@ -1,12 +1,24 @@
 // Following one source's table: attach, poll, detach, look again.
 #include "SourceWatcher.h"
 
+#include <unistd.h>
+
 #include "Scenario.h"
 
 namespace SrTeDaemon {
 
+namespace {
+
+// How long a table may stay too short for its header before it is reported.
+constexpr double unreadyGrace = 1.0;
+
+}  // namespace
+
 SourceWatcher::SourceWatcher(SrTePolicy::SrTePolicyAgent& agent, EventLog& log, SourceOption given)
-    : agent_(agent), log_(log), option_(std::move(given)) {}
+    : agent_(agent),
+      log_(log),
+      option_(std::move(given)),
+      trust_{option_.user.value_or(::geteuid())} {}
 
 OrderedJson SourceWatcher::fields() const {
   OrderedJson f;
@@ -20,13 +32,19 @@ bool SourceWatcher::poll(U32 maxKeys) {
     tryAttach();
     if (!reader_) return false;
   }
-  if (reader_->removed()) {
+  // Looked at before any page: a file cut short marks the reader corrupt here.
+  Skerry::ShmFileCheck const file = reader_->checkFile();
+  if (file.removed) {
     detach("source-detached", "the table was removed");
     // A table made anew under the name is attached on the next poll.
     return true;
   }
+  if (!file.untrusted.empty()) {
+    detach("source-refused", file.untrusted);
+    return false;
+  }
   Skerry::ShmPollResult result;
-  if (reader_->pending()) {
+  if (!reader_->corrupt() && reader_->pending()) {
     try {
       result = reader_->poll(maxKeys);
     } catch (Mosk::Exception const& e) {
@@ -48,23 +66,28 @@ void SourceWatcher::tryAttach() {
   Mosk::Ptr<SrTePolicy::PolicyInputShmReader> reader;
   std::string refusal;
   try {
-    reader = SrTePolicy::policyInputShmReaderFactory(option_.table);
+    reader = SrTePolicy::policyInputShmReaderFactory(option_.table, trust_);
     if (reader->corrupt()) refusal = reader->corruption();
   } catch (Skerry::ShmTableException const& e) {
-    // A table not there yet, or still being made, is what waiting is for; say nothing.
-    if (!Skerry::shmTableExists(option_.table)) return;
+    using Kind = Skerry::ShmTableException::Kind;
+    // A table not there yet is what waiting is for; say nothing.
+    if (e.kind() == Kind::missing) {
+      unreadySince_ = -1;
+      return;
+    }
+    if (e.kind() == Kind::unready) {
+      // A writer making the table leaves it so for a moment; one that stays so is reported.
+      double const now = agent_.clock()->now();
+      if (unreadySince_ < 0) unreadySince_ = now;
+      if (now - unreadySince_ < unreadyGrace) return;
+    }
     refusal = e.what();
-    if (refusal.find("not initialised yet") != std::string::npos) return;
   }
   if (!refusal.empty()) {
-    if (refusal != lastRefusal_) {
-      OrderedJson f = fields();
-      f["reason"] = refusal;
-      log_.write("source-refused", f);
-      lastRefusal_ = refusal;
-    }
+    refuse(refusal);
     return;
   }
+  unreadySince_ = -1;
   lastRefusal_.clear();
   reader_ = reader;
   OrderedJson f = fields();
@@ -81,6 +104,14 @@ void SourceWatcher::tryAttach() {
   }
 }
 
+void SourceWatcher::refuse(std::string const& reason) {
+  if (reason == lastRefusal_) return;
+  OrderedJson f = fields();
+  f["reason"] = reason;
+  log_.write("source-refused", f);
+  lastRefusal_ = reason;
+}
+
 void SourceWatcher::detach(std::string const& event, std::string reason) {
   OrderedJson f = fields();
   f["reason"] = reason;
@@ -93,7 +124,8 @@ void SourceWatcher::detach(std::string const& event, std::string reason) {
     log_.write("error", err);
   }
   reader_ = nullptr;
-  if (event == "source-corrupt") lastRefusal_ = reason;
+  // The attempts to attach again meet the same fault: said once, by this line.
+  if (event != "source-detached") lastRefusal_ = reason;
 }
 
 }  // namespace SrTeDaemon

@@ -2,12 +2,16 @@
 // policy pipeline on an event loop and prints one JSON line per change of what it publishes.
 // See docs/agent.md and `srte-agent --help`.
 #include <boost/asio/io_context.hpp>
+#include <csignal>
 #include <iostream>
 
 #include "AgentDaemon.h"
 
 int main(int argc, char** argv) {
   using namespace SrTeDaemon;
+  // A reader of standard output or of the socket that goes away is an error of that write, not
+  // the end of the daemon.
+  std::signal(SIGPIPE, SIG_IGN);
   DaemonOptions options;
   try {
     options = parseDaemonOptions(std::vector<std::string>(argv + 1, argv + argc));
@@ -27,5 +31,8 @@ int main(int argc, char** argv) {
   } catch (PlatformError const& e) {
     std::cerr << "srte-agent: " << e.what() << "\n";
     return e.status();
+  } catch (std::exception const& e) {
+    std::cerr << "srte-agent: " << e.what() << "\n";
+    return 1;
   }
 }

@@ -6,6 +6,8 @@
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <chrono>
+#include <cstdlib>
+#include <functional>
 #include <iostream>
 #include <sstream>
 #include <string>
@@ -20,6 +22,8 @@ constexpr int kExitTrouble = 1;
 constexpr int kExitNoAgent = 2;
 // --watch prints at most this often.
 constexpr double kMinPrintInterval = 0.25;
+// How long the first state may go without a byte arriving before srte-show gives up.
+constexpr double kDefaultTimeout = 5;
 
 constexpr char const* kHelp = R"(usage: srte-show [options]
 
@@ -34,12 +38,15 @@ options:
                   times a second); reconnects when the agent restarts
   --json          print the state as JSON, the same document as srte-sim's final state
                   (without the simulated time)
+  --timeout SECONDS
+                  give up when the first state has received nothing for this long, 0.1 to
+                  3600 (default 5): what listens does not speak the agent's protocol
   --help          this text
 
 exit status:
   0  the state was printed (--watch: stopped by a signal)
-  1  the connection broke before the state was complete
-  2  bad usage, or no agent listens on the socket
+  1  the connection broke before the state was complete, or the agent refused the reader
+  2  bad usage, no agent listens on the socket, or what listens does not speak the protocol
 )";
 
 int usage(std::string const& problem) {
@@ -53,6 +60,7 @@ int main(int argc, char** argv) {
   std::string path = SrTeStateSync::defaultSocketPath();
   bool watch = false;
   bool json = false;
+  double timeout = kDefaultTimeout;
   for (int i = 1; i < argc; ++i) {
     std::string arg = argv[i];
     if (arg == "--help" || arg == "-h") {
@@ -65,6 +73,14 @@ int main(int argc, char** argv) {
     } else if (arg == "--socket") {
       if (i + 1 >= argc) return usage("--socket needs a path");
       path = argv[++i];
+    } else if (arg == "--timeout") {
+      if (i + 1 >= argc) return usage("--timeout needs a number of seconds");
+      std::string const text = argv[++i];
+      char* end = nullptr;
+      timeout = std::strtod(text.c_str(), &end);
+      if (text.empty() || *end != '\0' || !(timeout >= 0.1 && timeout <= 3600)) {
+        return usage("--timeout: '" + text + "' is not a number of seconds from 0.1 to 3600");
+      }
     } else {
       return usage("unknown argument " + arg);
     }
@@ -92,11 +108,39 @@ int main(int argc, char** argv) {
   };
 
   boost::asio::steady_timer throttle(io);
+  // Until the first state is whole, a connection that receives nothing for `timeout` seconds
+  // is not an agent's.
+  boost::asio::steady_timer patience(io);
+  U64 lastBytes = 0;
+  auto giveUp = [&](std::string const& why) {
+    std::cerr << "srte-show: what listens on " << path << " does not speak the agent's protocol ("
+              << why << ")\n";
+    status = kExitNoAgent;
+    client.stop();
+    throttle.cancel();
+    patience.cancel();
+  };
+  std::function<void()> watchProgress = [&] {
+    patience.expires_after(std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+        std::chrono::duration<double>(timeout)));
+    patience.async_wait([&](boost::system::error_code ec) {
+      if (ec || client.synced()) return;
+      if (client.bytesReceived() == lastBytes) {
+        std::ostringstream why;
+        why << "nothing received for " << timeout << " s";
+        giveUp(why.str());
+        return;
+      }
+      lastBytes = client.bytesReceived();
+      watchProgress();
+    });
+  };
   bool printPending = false;
   auto lastPrint = std::chrono::steady_clock::now() - std::chrono::hours(1);
   std::string lastTrouble;
   client.onChangeIs([&] {
     lastTrouble.clear();
+    patience.cancel();
     if (!watch) {
       print();
       client.stop();
@@ -120,11 +164,17 @@ int main(int argc, char** argv) {
       status = kExitNoAgent;
       client.stop();
       throttle.cancel();
+      patience.cancel();
+      return;
+    }
+    if (client.generation() == 0 && why.rfind("frame refused:", 0) == 0) {
+      giveUp(why);
       return;
     }
     if (!watch) {
       std::cerr << "srte-show: " << why << "\n";
       status = kExitTrouble;
+      patience.cancel();
       return;
     }
     // While the agent is away every retry fails the same way: say it once.
@@ -132,6 +182,7 @@ int main(int argc, char** argv) {
     lastTrouble = why;
   });
   client.start();
+  watchProgress();
   io.run();
   return status;
 }

@@ -6,7 +6,6 @@
 // index bits from the table's policyIdx counter, which lives in the segment with the table.
 #include <algorithm>
 #include <cstdio>
-#include <fstream>
 #include <iostream>
 #include <map>
 #include <optional>
@@ -18,6 +17,7 @@
 #include <nlohmann/json.hpp>
 
 #include "Scenario.h"
+#include "ScenarioReader.h"
 #include "SrTePolicy/SrTePolicyInputShm.h"
 
 using namespace SrTePolicy;
@@ -26,15 +26,18 @@ using Json = nlohmann::json;
 namespace {
 
 char const* const usage =
-    R"(usage: srte-source [--table NAME] [--source SOURCE] [--capacity N] COMMAND [OPTIONS]
+    R"(usage: srte-source [--table NAME] [--source SOURCE] [--capacity N] [--group GROUP]
+                   COMMAND [OPTIONS]
 
 Writes the candidate paths of one source into its input table in shared memory
 (/dev/shm/NAME), lists the table or removes it.
 
-  --table NAME      the table: letters, digits, '.', '_' or '-' (default srte-SOURCE, the
-                    name srte-agent reads by default)
+  --table NAME      the table: letters, digits, '.', '_' or '-', not ending in '.lock' (default
+                    srte-SOURCE, the name srte-agent reads by default)
   --source SOURCE   static, bgp, pcep or other (every command but list)
   --capacity N      the most candidate paths a new table holds (default 16384)
+  --group GROUP     members of GROUP may read a new table (mode 0640); without it only its
+                    owner may (0600). Nobody but the owner may ever write it.
 
 Commands:
   add     --endpoint ADDR --color N [--preference N] [--router-id ADDR]
@@ -54,7 +57,8 @@ Commands:
 
 An id is the source's own index (0 to 1073741823); the policy id is the source in the top two
 bits and the id below. A segment list is a weight (default 1) and one to six labels, top label
-first; at most sixteen per candidate path. Labels are 0 to 1048575.
+first; at most sixteen per candidate path, each with its own labels. Labels are 0 to 1048575;
+a binding SID is 16 to 1048575 (0 to 15 are reserved labels).
 
 JSON (load, and list --json): a list of objects
   {"id": 1, "endpoint": "10.0.0.1", "color": 5, "preference": 100, "routerId": "1.1.1.1",
@@ -119,9 +123,40 @@ Ludd::MplsLabel labelOf(std::string const& where, std::string const& text) {
   return Ludd::MplsLabel(static_cast<U32>(number(where, text, 0, Ludd::MplsLabel::max)));
 }
 
+// The labels below 16 are reserved for special purposes; none of them can be a binding SID.
+constexpr U32 firstBindingSid = 16;
+
+Ludd::MplsLabel bindingSidOf(std::string const& where, U64 value) {
+  if (value < firstBindingSid) {
+    badInput(where + ": label " + std::to_string(value) +
+             " is reserved (0 to 15); a binding SID is " + std::to_string(firstBindingSid) +
+             " to " + std::to_string(Ludd::MplsLabel::max));
+  }
+  return Ludd::MplsLabel(static_cast<U32>(value));
+}
+
 Ludd::MplsLabel bindingSidOf(std::string const& where, std::string const& text) {
   if (text == "none") return Ludd::MplsLabel::none();
-  return labelOf(where, text);
+  return bindingSidOf(where, labelOf(where, text).value());
+}
+
+// Refuses a segment list whose labels an earlier one of the same candidate path has: the two
+// would be one list to the agent, and one of the weights would be lost.
+void checkNewList(std::vector<WeightedSegList> const& lists, WeightedSegList const& list,
+                  std::string const& where, std::string const& listName) {
+  for (std::size_t i = 0; i < lists.size(); ++i) {
+    if (lists[i].segList() == list.segList()) {
+      badInput(where + ": the same labels as " + listName + " " + std::to_string(i + 1) +
+               "; a candidate path names each segment list once");
+    }
+  }
+}
+
+// A value as an error message shows it: cut short when long.
+std::string shown(Json const& v) {
+  std::string text = v.dump(-1, ' ', false, Json::error_handler_t::replace);
+  if (text.size() > 60) text = text.substr(0, 57) + "...";
+  return text;
 }
 
 Ludd::MplsLabelOperation stackOf(std::string const& where, std::vector<Ludd::MplsLabel> const& l) {
@@ -200,6 +235,7 @@ struct Args {
   std::optional<std::string> table;
   std::optional<std::string> source;
   std::optional<U32> capacity;
+  std::optional<gid_t> group;
   std::string command;
   std::vector<std::pair<std::string, std::string>> options;  // in order; flags have ""
   std::vector<std::string> operands;
@@ -241,6 +277,9 @@ Args parseArgs(int argc, char** argv) {
       a.source = value;
     } else if (a.command.empty() && name == "--capacity") {
       a.capacity = static_cast<U32>(number("--capacity", value, 1, 1u << 22));
+    } else if (a.command.empty() && name == "--group") {
+      a.group = Skerry::shmGroupId(value);
+      if (!a.group) badInput("--group: no group '" + value + "'");
     } else if (a.command.empty() && name != "--help") {
       badInput("unknown option '" + name + "' before the command");
     } else {
@@ -275,7 +314,9 @@ Candidate candidateOf(Args const& a, std::set<std::string> const& allowed) {
         badInput("--segment-list: more than " + std::to_string(PolicyInputEntry::maxSegmentLists) +
                  " segment lists");
       }
-      c.segmentLists->push_back(segmentListOf(value));
+      WeightedSegList list = segmentListOf(value);
+      checkNewList(*c.segmentLists, list, "--segment-list '" + value + "'", "--segment-list");
+      c.segmentLists->push_back(list);
     } else if (name == "--no-segment-lists") {
       noLists = true;
     }
@@ -292,18 +333,18 @@ Candidate candidateOf(Args const& a, std::set<std::string> const& allowed) {
 U64 jsonNumber(Json const& v, std::string const& where, U64 min, U64 max) {
   if (!v.is_number_unsigned() || v.get<U64>() < min || v.get<U64>() > max) {
     badInput(where + ": expected a number from " + std::to_string(min) + " to " +
-             std::to_string(max) + ", got " + v.dump());
+             std::to_string(max) + ", got " + shown(v));
   }
   return v.get<U64>();
 }
 
 std::string jsonString(Json const& v, std::string const& where) {
-  if (!v.is_string()) badInput(where + ": expected a string, got " + v.dump());
+  if (!v.is_string()) badInput(where + ": expected a string, got " + shown(v));
   return v.get<std::string>();
 }
 
 Candidate candidateOf(Json const& j, std::string const& where) {
-  if (!j.is_object()) badInput(where + ": expected an object, got " + j.dump());
+  if (!j.is_object()) badInput(where + ": expected an object, got " + shown(j));
   Candidate c;
   c.where = where;
   for (auto const& [field, v] : j.items()) {
@@ -319,12 +360,10 @@ Candidate candidateOf(Json const& j, std::string const& where) {
     } else if (field == "routerId") {
       c.routerId = routerIdOf(at, jsonString(v, at));
     } else if (field == "bindingSid") {
-      c.bindingSid =
-          v.is_null()
-              ? Ludd::MplsLabel::none()
-              : Ludd::MplsLabel(static_cast<U32>(jsonNumber(v, at, 0, Ludd::MplsLabel::max)));
+      c.bindingSid = v.is_null() ? Ludd::MplsLabel::none()
+                                 : bindingSidOf(at, jsonNumber(v, at, 0, Ludd::MplsLabel::max));
     } else if (field == "segmentLists") {
-      if (!v.is_array()) badInput(at + ": expected a list, got " + v.dump());
+      if (!v.is_array()) badInput(at + ": expected a list, got " + shown(v));
       if (v.size() > PolicyInputEntry::maxSegmentLists) {
         badInput(at + ": " + std::to_string(v.size()) + " segment lists, at most " +
                  std::to_string(PolicyInputEntry::maxSegmentLists));
@@ -333,7 +372,7 @@ Candidate candidateOf(Json const& j, std::string const& where) {
       for (std::size_t i = 0; i < v.size(); ++i) {
         std::string const sl = at + "[" + std::to_string(i) + "]";
         Json const& l = v[i];
-        if (!l.is_object()) badInput(sl + ": expected an object, got " + l.dump());
+        if (!l.is_object()) badInput(sl + ": expected an object, got " + shown(l));
         Weight weight(1);
         std::vector<Ludd::MplsLabel> labels;
         bool haveLabels = false;
@@ -341,7 +380,7 @@ Candidate candidateOf(Json const& j, std::string const& where) {
           if (f == "weight") {
             weight = Weight(static_cast<U32>(jsonNumber(lv, sl + ": 'weight'", 1, Mosk::maxU32)));
           } else if (f == "labels") {
-            if (!lv.is_array()) badInput(sl + ": 'labels': expected a list, got " + lv.dump());
+            if (!lv.is_array()) badInput(sl + ": 'labels': expected a list, got " + shown(lv));
             haveLabels = true;
             for (Json const& label : lv) {
               labels.push_back(Ludd::MplsLabel(
@@ -352,7 +391,9 @@ Candidate candidateOf(Json const& j, std::string const& where) {
           }
         }
         if (!haveLabels) badInput(sl + ": 'labels' is required");
-        c.segmentLists->push_back(WeightedSegList(weight, stackOf(sl + ": 'labels'", labels)));
+        WeightedSegList list(weight, stackOf(sl + ": 'labels'", labels));
+        checkNewList(*c.segmentLists, list, sl, "segment list");
+        c.segmentLists->push_back(list);
       }
     } else {
       badInput(where + ": unknown field '" + field + "'");
@@ -419,11 +460,13 @@ std::map<PolicyId, PolicyInputEntry> readTable(PolicyInputShmTable const& reader
 
 class Session {
  public:
-  Session(std::string table, PolicySource source, U32 capacity, bool create)
+  Session(std::string table, PolicySource source, U32 capacity, std::optional<gid_t> group,
+          bool create)
       : table_(std::move(table)), source_(source) {
     if (!create && !Skerry::shmTableExists(table_)) refused("no table '" + table_ + "'");
     Skerry::ShmTableOptions options;
     options.capacity = capacity;
+    options.readerGroup = group;
     writer_.emplace(table_, options);
     writer_->forEach([this](PolicyInputEntry const& e) { records_.emplace(e.key(), e); });
     for (auto const& [id, e] : records_) {
@@ -534,15 +577,33 @@ int runDelete(Candidate const& c, Session& s) {
   return 0;
 }
 
+// How deep arrays and objects may nest in a file of candidate paths (two levels are used);
+// the JSON library's printing recurses once per level.
+constexpr int maxJsonDepth = 32;
+// The largest file of candidate paths: a full table written out by list --json is far smaller.
+constexpr U64 maxFileBytes = 256u << 20;
+
 // The candidate paths of a JSON file, all checked.
 std::vector<Candidate> candidatesOf(std::string const& path) {
-  std::ifstream in(path);
-  if (!in) refused(path + ": cannot be read");
+  std::string text;
+  try {
+    text = SrTeScenario::readTextFile(path, maxFileBytes);
+  } catch (SrTeScenario::ScenarioError const& e) {
+    badInput(path + ": " + e.reason());
+  }
   Json file;
   try {
-    file = Json::parse(in);
-  } catch (Json::parse_error const& e) {
-    badInput(path + ": not JSON: " + e.what());
+    file = Json::parse(text, [path](int depth, Json::parse_event_t, Json&) {
+      if (depth > maxJsonDepth) {
+        badInput(path + ": nested deeper than " + std::to_string(maxJsonDepth) + " levels");
+      }
+      return true;
+    });
+  } catch (Json::exception const& e) {
+    // A syntax error, or a number no double holds (out_of_range, not a parse error).
+    std::string what = e.what();
+    std::size_t const at = what.find("] ");
+    badInput(path + ": not JSON: " + (at == std::string::npos ? what : what.substr(at + 2)));
   }
   if (!file.is_array()) badInput(path + ": expected a list of candidate paths");
   std::vector<Candidate> given;
@@ -686,7 +747,7 @@ int run(int argc, char** argv) {
   bool const create = a.command == "add" || a.command == "load";
   bool const existed = Skerry::shmTableExists(*a.table);
   try {
-    Session s(*a.table, source, capacity, create);
+    Session s(*a.table, source, capacity, a.group, create);
     if (a.command == "load") return runLoad(std::move(file), replace, s);
     if (a.command == "add") return runAdd(c, s);
     if (a.command == "change") return runChange(c, s);

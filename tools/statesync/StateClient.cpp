@@ -91,6 +91,16 @@ void StateClient::readBody(FrameHeader h) {
 
 void StateClient::handle(FrameHeader const& h) {
   MountedState* target = connectedSynced_ ? current_.get() : pending_.get();
+  if (h.kind == FrameKind::refused) {
+    std::string why;
+    try {
+      why = readRefusal(body_.data(), body_.size());
+    } catch (std::exception const& e) {
+      why = e.what();
+    }
+    lost("refused by the agent: " + why);
+    return;
+  }
   try {
     if (h.kind == FrameKind::ready) {
       if (connectedSynced_) throw Mosk::LogFormatException("state frame: a second ready frame");

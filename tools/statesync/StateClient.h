@@ -42,7 +42,8 @@ class StateClient {
   // each later frame applied.
   void onChangeIs(std::function<void()> f) { onChange_ = std::move(f); }
   // Runs when a connect fails or a connection ends, with the reason ("connect: ...",
-  // "connection lost: ...", "frame of <channel> refused: ...").
+  // "connection lost: ...", "frame refused: ..." for a header that is not a state frame,
+  // "frame of <channel> refused: ...", "refused by the agent: <its reason>").
   void onTroubleIs(std::function<void(std::string const&)> f) { onTrouble_ = std::move(f); }
 
   // Whether some connection has completed its snapshot; state() is valid from then on.

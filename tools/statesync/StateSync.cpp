@@ -8,6 +8,8 @@
 //          the users' policy ids
 #include "StateSync.h"
 
+#include <unistd.h>
+
 #include <cstdlib>
 #include <set>
 
@@ -39,6 +41,7 @@ constexpr std::array<char const*, kChannels> kChannelNames = {
     "forwarding6Status",
     "srTePolicyFecs",
     "segmentLists",
+    "policyActivity",
 };
 
 std::size_t slot(Channel c) {
@@ -296,7 +299,7 @@ FrameHeader readFrameHeader(U8 const* bytes) {
   U8 channel = r.u8("frame channel");
   if (magic != FrameHeader::magic) refuse("magic " + std::to_string(magic) + ", not a state frame");
   if (version != FrameHeader::version) refuse("version " + std::to_string(version) + " unknown");
-  if (kind < 1 || kind > 3) refuse("kind " + std::to_string(kind) + " unknown");
+  if (kind < 1 || kind > 4) refuse("kind " + std::to_string(kind) + " unknown");
   if (channel >= kChannels) refuse("channel " + std::to_string(channel) + " unknown");
   if (h.bodyLength > FrameHeader::maxBody) {
     refuse("body of " + std::to_string(h.bodyLength) + " bytes, more than a frame may hold");
@@ -306,10 +309,25 @@ FrameHeader readFrameHeader(U8 const* bytes) {
   return h;
 }
 
+std::string readRefusal(U8 const* body, std::size_t size) {
+  if (size > maxRefusal) {
+    refuse("refusal of " + std::to_string(size) + " bytes, more than " +
+           std::to_string(maxRefusal));
+  }
+  std::string text(reinterpret_cast<char const*>(body), size);
+  for (char& c : text) {
+    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) c = '?';
+  }
+  return text;
+}
+
 std::string defaultSocketPath() {
   char const* dir = std::getenv("XDG_RUNTIME_DIR");
   if (dir != nullptr && *dir != '\0') return std::string(dir) + "/srte-agent.sock";
-  return "/tmp/srte-agent.sock";
+  // A directory of this user's own: a shared one such as /tmp would let anyone take the name.
+  uid_t const uid = ::geteuid();
+  if (uid == 0) return "/run/srte-agent/srte-agent.sock";
+  return "/tmp/srte-agent-" + std::to_string(uid) + "/srte-agent.sock";
 }
 
 ServedState servedStateOf(SrTePolicy::SrTePolicyAgent const& agent,
@@ -333,6 +351,7 @@ ServedState servedStateOf(SrTePolicy::SrTePolicyAgent const& agent,
   s.forwarding6Status = agent.forwarding6Status();
   s.srteFwdStatus = agent.srteFwdStatus();
   s.segmentListUsers = agent.segmentListIdToPolicyMap();
+  s.policyActivity = agent.policyActivity();
   return s;
 }
 
@@ -366,6 +385,7 @@ std::array<std::unique_ptr<Feed>, kChannels> feedsOf(ServedState const& s) {
   if (s.segmentListUsers) {
     f[slot(Channel::segmentLists)] = std::make_unique<DirectoryFeed>(s.segmentListUsers);
   }
+  f[slot(Channel::policyActivity)] = logFeed(s.policyActivity);
   return f;
 }
 
@@ -516,6 +536,7 @@ MountedState::MountedState(std::string const& peer) {
   fwd_ = Skerry::Fib::forwardingStatusFactory("forwardingStatus");
   fwd6_ = Skerry::Fib6::forwardingStatusFactory("forwarding6Status");
   srteFwd_ = Skerry::Fib::forwardingStatusFactory("srTePolicyFecs");
+  activity_ = SrTePolicy::policyActivityFactory("policyActivity");
   resolver_ = SrTePolicy::segmentResolverFactory(lfib_);
 
   auto mount = [&](Channel c, auto const& copy) {
@@ -534,6 +555,7 @@ MountedState::MountedState(std::string const& peer) {
   mount(Channel::tunnelTable, tunnelTable_);
   mount(Channel::lfib, lfib_);
   mount(Channel::bsidLfib, bsidLfib_);
+  mount(Channel::policyActivity, activity_);
   sinks_[slot(Channel::forwardingStatus)] =
       std::make_unique<FecSink<Skerry::Fib::ForwardingStatus>>(fwd_, Channel::forwardingStatus);
   sinks_[slot(Channel::forwarding6Status)] =
@@ -547,6 +569,7 @@ MountedState::~MountedState() = default;
 
 void MountedState::apply(Channel channel, FrameKind kind, U8 const* body, std::size_t size) {
   if (kind == FrameKind::ready) refuse("a ready frame carries no channel's state");
+  if (kind == FrameKind::refused) refuse("a refused frame carries no channel's state");
   if (kind == FrameKind::delta && !served(channel)) {
     refuse(std::string("delta of ") + channelName(channel) + " before its snapshot");
   }
@@ -570,6 +593,8 @@ SrTeScenario::StateView MountedState::view() const {
   v.forwarding6Status = fwd6_;
   v.srteFwdStatus = srteFwd_;
   v.bsidLfib = bsidLfib_;
+  v.exportedSegmentLists = exported_;
+  v.activity = activity_;
   return v;
 }
 

@@ -5,7 +5,9 @@
 //
 // Frame: an 8-byte header (body length u32, magic 0x53, version 1, kind, channel), then the
 // body. A new reader gets one snapshot frame per served channel, then a `ready` frame (its
-// copies now hold the whole state), then delta frames as the agent changes. Entities declared
+// copies now hold the whole state), then delta frames as the agent changes. A reader the agent
+// does not serve (too many are connected) gets one `refused` frame, whose body is the reason
+// as text, and the connection ends. Entities declared
 // `replicated` travel as attribute logs (Mosk/Replication.h); the forwarding status tables and
 // the directory of segment lists, which are not model entities of that kind, travel in a small
 // keyed form of their own with the same rules: numbered deltas, each key sent with its state
@@ -51,12 +53,13 @@ enum class Channel : U8 {
   forwarding6Status,
   srteFwdStatus,
   segmentLists,
+  policyActivity,
 };
-inline constexpr std::size_t kChannels = 17;
+inline constexpr std::size_t kChannels = 18;
 // "status", "config", ..., as srte-show and the errors name them.
 char const* channelName(Channel c);
 
-enum class FrameKind : U8 { snapshot = 1, delta = 2, ready = 3 };
+enum class FrameKind : U8 { snapshot = 1, delta = 2, ready = 3, refused = 4 };
 
 struct FrameHeader {
   static constexpr std::size_t size = 8;
@@ -73,9 +76,14 @@ std::vector<U8> frame(FrameKind kind, Channel channel, std::vector<U8> const& bo
 // Decodes a header; a wrong magic or version, an unknown kind or channel or an oversized body
 // raises Mosk::LogFormatException naming what is wrong.
 FrameHeader readFrameHeader(U8 const* bytes);
+// The reason a `refused` frame's body gives, with control characters shown as '?'; a body
+// longer than maxRefusal bytes raises Mosk::LogFormatException.
+inline constexpr std::size_t maxRefusal = 1024;
+std::string readRefusal(U8 const* body, std::size_t size);
 
-// Where srte-agent serves and srte-show looks: $XDG_RUNTIME_DIR/srte-agent.sock, else
-// /tmp/srte-agent.sock.
+// Where srte-agent serves and srte-show looks: $XDG_RUNTIME_DIR/srte-agent.sock, else a
+// directory of the user's own: /run/srte-agent/srte-agent.sock for root,
+// /tmp/srte-agent-UID/srte-agent.sock for others.
 std::string defaultSocketPath();
 
 // The agent's side: the entities to serve. Null entries are not served.
@@ -97,6 +105,7 @@ struct ServedState {
   Mosk::Ptr<Skerry::Fib6::ForwardingStatus const> forwarding6Status;
   Mosk::Ptr<Skerry::Fib::ForwardingStatus const> srteFwdStatus;
   Mosk::Ptr<SrTePolicy::SegmentListIdToPolicyMap const> segmentListUsers;
+  Mosk::Ptr<SrTePolicy::PolicyActivity const> policyActivity;
 };
 // Everything `agent` holds that a reader shows; `status` and `colorDscpMap` are the host's.
 ServedState servedStateOf(SrTePolicy::SrTePolicyAgent const& agent,
@@ -145,6 +154,7 @@ class MountedState {
   Mosk::Ptr<Skerry::Fib::ForwardingStatus> const& forwardingStatus() const { return fwd_; }
   Mosk::Ptr<Skerry::Fib::ForwardingStatus> const& srteFwdStatus() const { return srteFwd_; }
   SrTeScenario::SegmentListDirectory const& segmentLists() const { return segmentLists_; }
+  Mosk::Ptr<SrTePolicy::PolicyActivity> const& policyActivity() const { return activity_; }
 
  private:
   struct Sink;
@@ -170,6 +180,7 @@ class MountedState {
   Mosk::Ptr<Skerry::Fib6::ForwardingStatus> fwd6_;
   Mosk::Ptr<Skerry::Fib::ForwardingStatus> srteFwd_;
   SrTeScenario::SegmentListDirectory segmentLists_;
+  Mosk::Ptr<SrTePolicy::PolicyActivity> activity_;
   Mosk::Ptr<SrTePolicy::SegmentResolver> resolver_;
 
   std::array<std::unique_ptr<Sink>, kChannels> sinks_;
