@@ -73,7 +73,7 @@ pid_t startChurn(std::string const& table, U32 seed) {
 Json published(Json const& state) {
   std::map<std::string, std::string> labels;  // tunnel -> its labels
   for (Json const& l : state["segmentLists"]) {
-    if (l.contains("tunnel")) labels[l["tunnel"].get<std::string>()] = l["labels"].dump();
+    if (l["tunnel"].is_string()) labels[l["tunnel"].get<std::string>()] = l["labels"].dump();
   }
   Json out = {
       {"policies", Json::array()}, {"routes", Json::array()}, {"warnings", state["warnings"]}};
