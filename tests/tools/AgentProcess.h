@@ -174,7 +174,7 @@ class AgentProcess {
   }
 
   // The next line, or null at the end of the output or after `timeout`.
-  OrderedJson next(milliseconds timeout = milliseconds(5000)) {
+  OrderedJson next(milliseconds timeout = milliseconds(20000)) {
     auto const deadline = Clock::now() + timeout;
     for (;;) {
       if (std::size_t nl = buffer_.find('\n'); nl != std::string::npos) {
