@@ -22,6 +22,9 @@ class PolicyActivityKeeper::PolicyReactor : public Policy::NotifieeConst {
  public:
   PolicyReactor(PolicyActivityKeeper* keeper, PolicyKey const& key) : keeper_(keeper), key_(key) {}
   void onActive() override { keeper_->mark(key_); }
+  void onCandidate(Priority const&) override { keeper_->mark(key_); }
+  // The policy's eligible candidates by source, as last counted.
+  std::array<U32, 4> eligible{};
 
  private:
   PolicyActivityKeeper* const keeper_;
@@ -51,8 +54,10 @@ PolicyActivityKeeper::PolicyActivityKeeper(Mosk::Ptr<EcPolicy const> ecPolicy,
   double const start = now();
   for (auto it = ecPolicy_->policyIterConst(); it; ++it) {
     watchPolicy(it.key());
+    recountEligible(it.key(), it.ptr().ptr());
     Mosk::Ptr<PolicyEntry const> active = it.ptr()->active();
     if (!active) continue;
+    countActive(active->priority().id(), 1);
     Mosk::Ptr<PolicyActivityEntry> entry = activity_->policyIs(it.key());
     entry->activeIs(true);
     entry->activeIdIs(active->priority().id());
@@ -82,6 +87,8 @@ void PolicyActivityKeeper::watchPolicy(PolicyKey const& key) {
   Mosk::Ptr<PolicyReactor> const* known = policyReactors_.find(key);
   if (!policy) {
     if (known) {
+      for (std::size_t s = 0; s < counts_.eligibleBySource.size(); ++s)
+        counts_.eligibleBySource[s] -= (*known)->eligible[s];
       (*known)->notifierIs(nullptr);
       policyReactors_.erase(key);
     }
@@ -95,6 +102,18 @@ void PolicyActivityKeeper::watchPolicy(PolicyKey const& key) {
   }
   // A policy removed and made again under the same key is another object: follow it.
   if ((*known)->notifier().ptr() != policy.ptr()) (*known)->notifierIs(policy);
+}
+
+void PolicyActivityKeeper::recountEligible(PolicyKey const& key, Policy const* policy) {
+  Mosk::Ptr<PolicyReactor> const* reactor = policy ? policyReactors_.find(key) : nullptr;
+  if (!reactor) return;
+  std::array<U32, 4> now{};
+  for (auto it = policy->candidateIterConst(); it; ++it)
+    ++now[static_cast<U8>(it.key().source())];
+  std::array<U32, 4>& was = (*reactor)->eligible;
+  for (std::size_t s = 0; s < now.size(); ++s)
+    counts_.eligibleBySource[s] += static_cast<U64>(now[s]) - was[s];
+  was = now;
 }
 
 void PolicyActivityKeeper::mark(PolicyKey const& key) {
@@ -112,10 +131,14 @@ void PolicyActivityKeeper::settle() {
     Mosk::Ptr<Policy const> policy = ecPolicy_->policy(key);
     Mosk::Ptr<PolicyEntry const> active = policy ? policy->active() : nullptr;
     Mosk::Ptr<PolicyActivityEntry> entry = activity_->policy(key);
+    recountEligible(key, policy.ptr());
     if (active) {
       U32 const id = active->priority().id();
       if (entry && entry->active() && entry->activeId() == id) continue;
       if (!entry) entry = activity_->policyIs(key);
+      if (entry->active()) countActive(entry->activeId(), -1);
+      countActive(id, 1);
+      ++counts_.transitions;
       entry->activeIs(true);
       entry->activeIdIs(id);
       entry->activeSinceIs(when);
@@ -124,10 +147,16 @@ void PolicyActivityKeeper::settle() {
     }
     if (!policy && !keyToIdMap_->mapEntry(key)) {
       // Nothing knows the key any more.
+      if (entry && entry->active()) {
+        countActive(entry->activeId(), -1);
+        ++counts_.transitions;
+      }
       if (entry) activity_->policyDel(key);
       continue;
     }
     if (entry && entry->active()) {
+      countActive(entry->activeId(), -1);
+      ++counts_.transitions;
       entry->activeIs(false);
       entry->activeIdIs(0);
       entry->activeSinceIs(when);

@@ -18,8 +18,14 @@
 // input knows it; a key gone from both is forgotten. A keeper built over an EcPolicy that
 // already holds policies (the agent restarted) starts their entries at its own start: since
 // then, no transition counted.
+//
+// Beside the table the keeper keeps counts over all keys, as its settles leave them: active and
+// eligible candidates by source and the transitions since it started. They cost a walk of one
+// policy's candidates per marked key, so that a reader (the metrics endpoint) never walks them
+// all.
 #pragma once
 
+#include <array>
 #include <functional>
 
 #include "Mosk/HashMap.h"
@@ -47,6 +53,15 @@ class PolicyActivityKeeper : public Mosk::PtrInterface {
   void settleDueIs(std::function<void()> f) { settleDue_ = std::move(f); }
 
   Mosk::Ptr<PolicyActivity> const& activity() const { return activity_; }
+
+  struct Counts {
+    // By PolicySource: candidates active, and candidates eligible (active or not), as settled.
+    std::array<U64, 4> activeBySource{};
+    std::array<U64, 4> eligibleBySource{};
+    // Transitions counted since this keeper started.
+    U64 transitions = 0;
+  };
+  Counts const& counts() const { return counts_; }
   // Seconds on the clock that dates the transitions.
   double now() const;
 
@@ -57,6 +72,10 @@ class PolicyActivityKeeper : public Mosk::PtrInterface {
 
   void mark(PolicyKey const& key);
   void watchPolicy(PolicyKey const& key);
+  void recountEligible(PolicyKey const& key, Policy const* policy);
+  void countActive(U32 id, int delta) {
+    counts_.activeBySource[static_cast<U8>(PolicyId(id).source())] += static_cast<U64>(delta);
+  }
 
   Mosk::Ptr<EcPolicy const> ecPolicy_;
   Mosk::Ptr<PolicyKeyToIdMap const> keyToIdMap_;
@@ -68,6 +87,7 @@ class PolicyActivityKeeper : public Mosk::PtrInterface {
   // Keys marked since the last settle, with the time of their first mark.
   Mosk::HashMap<PolicyKey, double> marked_;
   std::function<void()> settleDue_;
+  Counts counts_;
 };
 
 inline Mosk::Ptr<PolicyActivityKeeper> policyActivityKeeperFactory(

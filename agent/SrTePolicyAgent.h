@@ -123,6 +123,9 @@ class SrTePolicyAgent {
   // one is due through activitySettleDueIs().
   Mosk::Ptr<PolicyActivity> const& policyActivity() const { return activity_; }
   void settleActivity() { activityKeeper_->settle(); }
+  // Counts over all policies as the settles leave them (active and eligible candidates by
+  // source, transitions), for a reader that must not walk the policies.
+  PolicyActivityKeeper::Counts const& activityCounts() const { return activityKeeper_->counts(); }
   // `f` is called when a settle becomes due (at once when one is due already).
   void activitySettleDueIs(std::function<void()> f);
 

@@ -12,6 +12,9 @@ packages=(
   # The BGP interop test: gobgpd as the peer, its .proto files, and what turns them into Python.
   gobgpd golang-github-osrg-gobgp-dev protobuf-compiler protobuf-compiler-grpc libprotobuf-dev
   python3-grpcio python3-protobuf
+  # The service tests: promtool checks the metrics, a prometheus server scrapes the agent, and
+  # systemd-analyze verifies the unit file.
+  prometheus systemd
 )
 
 missing=()

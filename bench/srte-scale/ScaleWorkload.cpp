@@ -34,6 +34,16 @@ std::pair<U64, U64> stackKey(List const& list) {
   return {lo, hi};
 }
 
+List stackOf(std::pair<U64, U64> const& key) {
+  List list;
+  list.depth = static_cast<U32>(key.first & 0xf);
+  for (U32 i = 0; i < list.depth; ++i) {
+    U64 const word = i < 3 ? key.first >> (4 + 20 * i) : key.second >> (20 * (i - 3));
+    list.labels[i] = static_cast<U32>(word & 0xfffff);
+  }
+  return list;
+}
+
 // Whether candidate a ranks before b: higher preference, then lower source, router id, id.
 bool ranksBefore(Candidate const& a, Candidate const& b) {
   if (a.preference != b.preference) return a.preference > b.preference;
@@ -133,6 +143,10 @@ std::vector<List> Workload::resolvedLists(Candidate const& c, Overrides const& o
   return out;
 }
 
+bool Workload::names(Candidate const& candidate, List const& list) {
+  return std::find(candidate.lists.begin(), candidate.lists.end(), list) != candidate.lists.end();
+}
+
 std::optional<Candidate> Workload::active(U32 policy, Overrides const& overrides) const {
   std::optional<Candidate> best;
   for (U32 i = 0; i < shape_.candidates; ++i) {
@@ -158,7 +172,12 @@ Expected Workload::expected(Overrides const& overrides) const {
       anyPresent = true;
       ++out.paths;
       Candidate c = candidate(p, i, overrides);
-      for (List const& list : c.lists) {
+      for (std::size_t l = 0; l < c.lists.size(); ++l) {
+        List const& list = c.lists[l];
+        if (std::find(c.lists.begin(), c.lists.begin() + static_cast<std::ptrdiff_t>(l), list) ==
+            c.lists.begin() + static_cast<std::ptrdiff_t>(l)) {
+          ++out.listUses;
+        }
         stacks.push_back(stackKey(list));
         for (U32 d = 0; d < list.depth; ++d)
           labelUsed[list.labels[d] - poolLabel(0)] = true;
@@ -181,8 +200,12 @@ Expected Workload::expected(Overrides const& overrides) const {
   stacks.erase(std::unique(stacks.begin(), stacks.end()), stacks.end());
   out.segmentLists = stacks.size();
   for (auto const& stack : stacks) {
-    U32 top = static_cast<U32>((stack.first >> 4) & 0xfffff);
-    if (overrides.unroutedTops.count(top) == 0) ++out.resolvedLists;
+    List const list = stackOf(stack);
+    if (overrides.unroutedTops.count(list.labels[0]) == 0) ++out.resolvedLists;
+    for (U32 d = 0; d < list.depth; ++d) {
+      auto const begin = list.labels.begin();
+      if (std::find(begin, begin + d, list.labels[d]) == begin + d) ++out.segmentLinks;
+    }
   }
   out.segments = static_cast<U64>(std::count(labelUsed.begin(), labelUsed.end(), true));
   for (U32 i = 0; i < shape_.topLabelCount(); ++i) {

@@ -80,6 +80,8 @@ struct Expected {
   U64 segments = 0;          // distinct labels in the input
   U64 resolvedSegments = 0;  // of those, the routed top labels: segment status entries
   U64 policyKeys = 0;        // keys with at least one candidate path in the input
+  U64 listUses = 0;          // (candidate path, distinct list of it) pairs: list users' ids
+  U64 segmentLinks = 0;      // (distinct list, distinct label of it) pairs: registrations
 };
 
 class Workload {
@@ -102,6 +104,8 @@ class Workload {
   // The lists of `candidate` that resolve, one per distinct stack with the weight of its
   // last occurrence, in first-occurrence order.
   std::vector<List> resolvedLists(Candidate const& candidate, Overrides const& overrides) const;
+  // Whether `candidate` names a stack equal to `list`.
+  static bool names(Candidate const& candidate, List const& list);
   // The whole expected state: one pass over every candidate.
   Expected expected(Overrides const& overrides) const;
 

@@ -30,6 +30,7 @@
 #include <string>
 #include <vector>
 
+#include "AllocationCount.h"
 #include "ScaleWorkload.h"
 #include "SrTePolicyAgent.h"
 #include "Vell/Clock.h"
@@ -47,23 +48,67 @@ constexpr std::array<PolicySource, 3> kSources = {PolicySource::sourceBgp, Polic
 Mpls::LFib::Source const kRouteSource(3);
 Mpls::LFib::Source const kBsidKeySource(1);
 
-// Wall and process CPU time, in seconds.
-struct Clocks {
+// What a stretch of work cost the process: wall and process CPU time, user and system time
+// apart, minor page faults (the first touch of fresh memory) and heap allocations. A Meter is
+// read at the start and end of each timed stretch; the differences add up per phase.
+struct Meter {
   double wall = 0;
   double cpu = 0;
-  static Clocks now() {
+  double user = 0;
+  double system = 0;
+  U64 minorFaults = 0;
+  U64 allocations = 0;
+
+  static Meter now() {
     timespec cpu{};
     clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &cpu);
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
     auto wall = std::chrono::steady_clock::now().time_since_epoch();
-    return {std::chrono::duration<double>(wall).count(),
-            static_cast<double>(cpu.tv_sec) + static_cast<double>(cpu.tv_nsec) * 1e-9};
+    Meter m;
+    m.wall = std::chrono::duration<double>(wall).count();
+    m.cpu = static_cast<double>(cpu.tv_sec) + static_cast<double>(cpu.tv_nsec) * 1e-9;
+    m.user = seconds(usage.ru_utime);
+    m.system = seconds(usage.ru_stime);
+    m.minorFaults = static_cast<U64>(usage.ru_minflt);
+    m.allocations = allocationCount();
+    return m;
   }
-  Clocks operator-(Clocks const& o) const { return {wall - o.wall, cpu - o.cpu}; }
-  Clocks& operator+=(Clocks const& o) {
+  Meter operator-(Meter const& o) const {
+    return {wall - o.wall,
+            cpu - o.cpu,
+            user - o.user,
+            system - o.system,
+            minorFaults - o.minorFaults,
+            allocations - o.allocations};
+  }
+  Meter& operator+=(Meter const& o) {
     wall += o.wall;
     cpu += o.cpu;
+    user += o.user;
+    system += o.system;
+    minorFaults += o.minorFaults;
+    allocations += o.allocations;
     return *this;
   }
+
+ private:
+  static double seconds(timeval const& t) {
+    return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_usec) * 1e-6;
+  }
+};
+
+// Adds up the cost of the timed stretches of one phase; the work between them (building the
+// input records, checking) is left out.
+class Stopwatch {
+ public:
+  void start() { started_ = Meter::now(); }
+  void stop() { total_ += Meter::now() - started_; }
+  Meter const& total() const { return total_; }
+
+ private:
+  Meter started_;
+  Meter total_;
 };
 
 U64 residentBytes() {
@@ -82,13 +127,20 @@ U64 peakResidentBytes() {
 
 struct PhaseResult {
   std::string name;
-  Clocks time;
-  Clocks check;
+  Meter time;
+  double checkSeconds = 0;
   U64 units = 0;
   std::string unitName;
   std::vector<std::string> failures;
   // Process CPU time per unit: on a shared machine the wall clock also counts the neighbours.
-  double usPerUnit() const { return units ? time.cpu * 1e6 / static_cast<double>(units) : 0; }
+  double usPerUnit() const { return perUnit(time.cpu * 1e6); }
+  double userUsPerUnit() const { return perUnit(time.user * 1e6); }
+  double systemUsPerUnit() const { return perUnit(time.system * 1e6); }
+  double faultsPerUnit() const { return perUnit(static_cast<double>(time.minorFaults)); }
+  double allocationsPerUnit() const { return perUnit(static_cast<double>(time.allocations)); }
+
+ private:
+  double perUnit(double v) const { return units ? v / static_cast<double>(units) : 0; }
 };
 
 // The sizes of the main tables, as the pipeline holds them.
@@ -123,16 +175,24 @@ class Run {
  private:
   void routeTopLabels();
   Mpls::LFib::Route topRoute(U32 i) const;
-  void write(Candidate const& c) {
-    tables_[sourceSlot(c.source)]->policyInputEntryIs(workload_.record(c));
-  }
-  void erase(Candidate const& c) { tables_[sourceSlot(c.source)]->policyInputEntryDel(c.id); }
+  // The records of `candidates` into `out` (emptied first), built outside the timed
+  // stretches: the generator's work is not the pipeline's.
+  void records(std::vector<Candidate> const& candidates,
+               std::vector<SrTePolicy::PolicyInputEntry>& out) const;
+  // Writes the records into their sources' tables; the pipeline reacts inside each write. Kept
+  // out of line so that callgrind's --toggle-collect can name it.
+  [[gnu::noinline]] void write(std::vector<SrTePolicy::PolicyInputEntry> const& records);
+  [[gnu::noinline]] void erase(std::vector<PolicyId> const& ids);
   static std::size_t sourceSlot(PolicySource s) { return static_cast<std::size_t>(s) - 1; }
   void drain() { agent_.advanceUntilIdle(); }
   // Checks the whole pipeline against the workload and the overrides; `extra` policies are
   // compared in full besides the random sample.
   std::vector<std::string> check(std::vector<U32> const& extra) const;
   void checkPolicy(U32 policy, std::vector<std::string>& failures) const;
+  // The store's side of every candidate path of `policy` present in the input: each of its
+  // lists is in the store, exported with its labels, used by exactly the paths that name it and
+  // registered under each of its segments.
+  void checkStore(U32 policy, std::vector<std::string>& failures) const;
   // The segment list of a label stack, or null when the store has none.
   Ptr<SrTePolicy::SegmentList const> findList(List const& list) const;
   PhaseResult finish(PhaseResult r, std::vector<U32> const& extra) const;
@@ -168,25 +228,61 @@ void Run::routeTopLabels() {
   }
 }
 
+void Run::records(std::vector<Candidate> const& candidates,
+                  std::vector<SrTePolicy::PolicyInputEntry>& out) const {
+  out.clear();
+  for (Candidate const& c : candidates)
+    out.push_back(workload_.record(c));
+}
+
+void Run::write(std::vector<SrTePolicy::PolicyInputEntry> const& records) {
+  for (SrTePolicy::PolicyInputEntry const& record : records)
+    tables_[sourceSlot(record.key().source())]->policyInputEntryIs(record);
+}
+
+void Run::erase(std::vector<PolicyId> const& ids) {
+  for (PolicyId const& id : ids)
+    tables_[sourceSlot(id.source())]->policyInputEntryDel(id);
+}
+
 PhaseResult Run::finish(PhaseResult r, std::vector<U32> const& extra) const {
-  Clocks start = Clocks::now();
+  auto const start = std::chrono::steady_clock::now();
   r.failures = check(extra);
-  r.check = Clocks::now() - start;
+  r.checkSeconds += std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   return r;
 }
 
 PhaseResult Run::load() {
   PhaseResult r;
   r.name = "load";
-  U64 const before = residentBytes();
-  Clocks const start = Clocks::now();
   Shape const& shape = workload_.shape();
-  for (U32 p = 0; p < shape.policies; ++p) {
-    for (U32 i = 0; i < shape.candidates; ++i)
-      write(workload_.candidate(p, i, overrides_));
+  // The records go in batches through buffers taken before the resident size is read, so
+  // that neither their building nor their memory counts against the pipeline.
+  constexpr U32 kBatchPolicies = 1024;
+  std::vector<Candidate> batch;
+  std::vector<SrTePolicy::PolicyInputEntry> input;
+  batch.reserve(std::size_t{kBatchPolicies} * shape.candidates);
+  // Touched now, so that its pages are resident before the pipeline's growth is measured.
+  input.resize(std::size_t{kBatchPolicies} * shape.candidates);
+  input.clear();
+  U64 const before = residentBytes();
+  Stopwatch watch;
+  for (U32 first = 0; first < shape.policies; first += kBatchPolicies) {
+    batch.clear();
+    U32 const end = std::min(shape.policies, first + kBatchPolicies);
+    for (U32 p = first; p < end; ++p) {
+      for (U32 i = 0; i < shape.candidates; ++i)
+        batch.push_back(workload_.candidate(p, i, overrides_));
+    }
+    records(batch, input);
+    watch.start();
+    write(input);
+    watch.stop();
   }
+  watch.start();
   drain();
-  r.time = Clocks::now() - start;
+  watch.stop();
+  r.time = watch.total();
   U64 const after = residentBytes();
   loadGrowth_ = after > before ? after - before : 0;
   r.units = shape.paths();
@@ -222,7 +318,7 @@ PhaseResult Run::churn() {
   std::vector<U32> touched;
   auto policyOf = [&](U64 path) { return static_cast<U32>(path / shape.candidates); };
   auto indexOf = [&](U64 path) { return static_cast<U32>(path % shape.candidates); };
-  Clocks const start = Clocks::now();
+  std::vector<Candidate> changed;
   U32 salt = 0;
   for (U64 path : repreferenced) {
     Candidate c = workload_.candidate(policyOf(path), indexOf(path), overrides_);
@@ -232,36 +328,42 @@ PhaseResult Run::churn() {
     if (preference == c.preference) preference += 10 * shape.candidates;
     overrides_.preference[path] = preference;
     c.preference = preference;
-    write(c);
+    changed.push_back(std::move(c));
   }
+  std::vector<PolicyId> gone;
   for (U64 path : removed) {
-    erase(workload_.candidate(policyOf(path), indexOf(path), overrides_));
+    gone.push_back(workload_.candidate(policyOf(path), indexOf(path), overrides_).id);
     overrides_.removed.insert(path);
   }
+  std::vector<SrTePolicy::PolicyInputEntry> input;
+  records(changed, input);
+  Stopwatch watch;
+  watch.start();
+  write(input);
+  erase(gone);
   drain();
-  r.time = Clocks::now() - start;
+  watch.stop();
   for (U64 k = 0; k < std::min<U64>(16, count); ++k) {
     touched.push_back(policyOf(repreferenced[k]));
     if (k < removed.size()) touched.push_back(policyOf(removed[k]));
   }
-  Clocks const checkStart = Clocks::now();
-  r.failures = check(touched);
-  r.check = Clocks::now() - checkStart;
+  r = finish(std::move(r), touched);
   if (!r.failures.empty()) return r;
 
-  Clocks const again = Clocks::now();
+  changed.clear();
   for (U64 path : removed) {
     overrides_.removed.erase(path);
-    write(workload_.candidate(policyOf(path), indexOf(path), overrides_));
+    changed.push_back(workload_.candidate(policyOf(path), indexOf(path), overrides_));
   }
+  records(changed, input);
+  watch.start();
+  write(input);
   drain();
-  r.time += Clocks::now() - again;
+  watch.stop();
+  r.time = watch.total();
   r.units = repreferenced.size() + removed.size();
   r.unitName = "changed paths";
-  Clocks const check2 = Clocks::now();
-  r.failures = check(touched);
-  r.check += Clocks::now() - check2;
-  return r;
+  return finish(std::move(r), touched);
 }
 
 // 1% of the top labels lose their route, the pipeline settles, the routes come back and it
@@ -295,41 +397,40 @@ PhaseResult Run::flap() {
   }
 
   Mpls::Status& lfib = *agent_.mplsStatus();
-  Clocks const start = Clocks::now();
-  for (U32 i : flapped) {
+  Stopwatch watch;
+  watch.start();
+  for (U32 i : flapped)
     lfib.lfibRouteDel(topRoute(i).key());
-    overrides_.unroutedTops.insert(workload_.topLabel(i));
-  }
   drain();
-  r.time = Clocks::now() - start;
-  Clocks const checkStart = Clocks::now();
-  r.failures = check(touched);
-  r.check = Clocks::now() - checkStart;
+  watch.stop();
+  for (U32 i : flapped)
+    overrides_.unroutedTops.insert(workload_.topLabel(i));
+  r = finish(std::move(r), touched);
   if (!r.failures.empty()) return r;
 
-  Clocks const again = Clocks::now();
-  for (U32 i : flapped) {
+  watch.start();
+  for (U32 i : flapped)
     lfib.lfibRouteIs(topRoute(i));
-    overrides_.unroutedTops.erase(workload_.topLabel(i));
-  }
   drain();
-  r.time += Clocks::now() - again;
+  watch.stop();
+  for (U32 i : flapped)
+    overrides_.unroutedTops.erase(workload_.topLabel(i));
+  r.time = watch.total();
   r.units = 2 * affected.size();
   r.unitName = "affected lists x2";
-  Clocks const check2 = Clocks::now();
-  r.failures = check(touched);
-  r.check += Clocks::now() - check2;
-  return r;
+  return finish(std::move(r), touched);
 }
 
 PhaseResult Run::teardown() {
   PhaseResult r;
   r.name = "teardown";
-  Clocks const start = Clocks::now();
+  Stopwatch watch;
+  watch.start();
   for (PolicySource source : kSources)
     agent_.sourceTableDel(source);
   drain();
-  r.time = Clocks::now() - start;
+  watch.stop();
+  r.time = watch.total();
   r.units = workload_.shape().paths() - overrides_.removed.size();
   r.unitName = "candidate paths";
   for (U64 p = 0; p < workload_.shape().paths(); ++p)
@@ -359,6 +460,12 @@ Sizes Run::sizes() const {
   Skerry::Fib::ForwardingStatus const& fecs = *agent_.srteFwdStatus();
   for (auto c = fecs.fecIter(); c; ++c)
     vias += fecs.fec(c.key()).viaCount();
+  U64 listUses = 0;
+  for (auto c = agent_.segmentListIdToPolicyMap()->segmentListUserIterConst(); c; ++c)
+    listUses += c->policyIdCount();
+  U64 segmentLinks = 0;
+  for (auto c = agent_.segmentIdToSegmentList()->segmentListIter(); c; ++c)
+    segmentLinks += c.value()->segmentListPtrCount();
   auto const& core = *agent_.coreDedupTables();
   s.items = {
       {"paths", agent_.policySelectionInput()->policyIdEntryCount()},
@@ -367,6 +474,8 @@ Sizes Run::sizes() const {
       {"segmentLists", core.notifyingSegmentListCollection()->segmentListNotifierCount()},
       {"segmentListUsers", agent_.segmentListIdToPolicyMap()->segmentListUserCount()},
       {"segmentRegistrations", agent_.segmentIdToSegmentList()->segmentListCount()},
+      {"listUses", listUses},
+      {"segmentLinks", segmentLinks},
       {"segmentStatus", agent_.segmentStatus()->statusCount()},
       {"segmentListStatus", agent_.segmentListStatus()->statusCount()},
       {"tunnels", agent_.tunnelTable()->entryCount()},
@@ -401,6 +510,8 @@ std::vector<std::string> Run::check(std::vector<U32> const& extra) const {
   expect("segmentLists", e.segmentLists);
   expect("segmentListUsers", e.segmentLists);
   expect("segmentRegistrations", e.segments);
+  expect("listUses", e.listUses);
+  expect("segmentLinks", e.segmentLinks);
   expect("segmentStatus", e.resolvedSegments);
   expect("segmentListStatus", e.resolvedLists);
   expect("tunnels", e.resolvedLists);
@@ -426,6 +537,7 @@ std::vector<std::string> Run::check(std::vector<U32> const& extra) const {
   for (U32 p : sample) {
     if (failures.size() > 20) break;
     checkPolicy(p, failures);
+    checkStore(p, failures);
   }
   return failures;
 }
@@ -500,6 +612,56 @@ void Run::checkPolicy(U32 policy, std::vector<std::string>& failures) const {
     fail("binding-SID route does not lead to the policy's FEC");
 }
 
+void Run::checkStore(U32 policy, std::vector<std::string>& failures) const {
+  std::string const who = "policy " + std::to_string(policy) + ": ";
+  auto fail = [&](std::string const& what) { failures.push_back(who + what); };
+  U32 const candidates = workload_.shape().candidates;
+  for (U32 i = 0; i < candidates; ++i) {
+    if (overrides_.removed.count(workload_.pathNumber(policy, i)) != 0) continue;
+    Candidate const c = workload_.candidate(policy, i, overrides_);
+    for (List const& list : c.lists) {
+      auto segList = findList(list);
+      if (!segList) return fail("a segment list of a present path is missing from the store");
+      SrTePolicy::SegmentListId const id = segList->segmentListId();
+      auto exported = agent_.exportedSegmentLists()->segmentList(id);
+      bool exportedRight = exported && exported->size() == list.depth;
+      for (U32 d = 0; exportedRight && d < list.depth; ++d) {
+        auto segment = exported->segment(Ludd::MplsStackEntryIndex(d));
+        exportedRight = segment && segment->label() == Ludd::MplsLabel(list.labels[d]);
+      }
+      if (!exportedRight) fail("list " + std::to_string(id.value()) + " exported wrongly");
+      auto user = agent_.segmentListIdToPolicyMap()->segmentListUser(id);
+      if (!user || !user->policyId(c.id) || user->segmentList() != segList) {
+        fail("list " + std::to_string(id.value()) + " does not name path " +
+             std::to_string(c.id.value()) + " as a user");
+      } else {
+        for (auto u = user->policyIdIter(); u; ++u) {
+          U64 const path = u.key().index() - 1;
+          bool const real =
+              path < workload_.shape().paths() && overrides_.removed.count(path) == 0 &&
+              Workload::names(workload_.candidate(static_cast<U32>(path / candidates),
+                                                  static_cast<U32>(path % candidates), overrides_),
+                              list);
+          if (!real) {
+            fail("list " + std::to_string(id.value()) + " names path " +
+                 std::to_string(u.key().value()) + ", which does not use it");
+          }
+        }
+      }
+      for (U32 d = 0; d < list.depth; ++d) {
+        auto segment = agent_.coreDedupTables()->segDedupTablePtr()->lookupByLabel(
+            Ludd::MplsLabel(list.labels[d]));
+        auto lists =
+            segment ? agent_.segmentIdToSegmentList()->segmentList(segment->segmentId()) : nullptr;
+        if (!lists || !lists->segmentListPtr(segList)) {
+          fail("list " + std::to_string(id.value()) + " is not registered under label " +
+               std::to_string(list.labels[d]));
+        }
+      }
+    }
+  }
+}
+
 // Output.
 
 std::string fixed(double v, int decimals) {
@@ -513,12 +675,19 @@ void printTable(Shape const& shape, std::vector<PhaseResult> const& phases, Size
   std::printf("srte-scale  P=%u C=%u L=%u D=%u U=%u top=%u seed=%llu\n", shape.policies,
               shape.candidates, shape.lists, shape.depth, shape.labels, shape.topLabelCount(),
               static_cast<unsigned long long>(shape.seed));
-  std::printf("%-9s %10s %10s %10s  %-18s %10s %9s  %s\n", "phase", "wall s", "cpu s", "units",
-              "unit", "cpu us/unit", "check s", "result");
+  std::printf("%-9s %9s %9s %9s %9s  %-18s %9s %9s %9s %9s %9s %8s  %s\n", "phase", "wall s",
+              "cpu s", "user s", "sys s", "unit", "units", "cpu us", "user us", "faults", "allocs",
+              "check s", "result");
+  std::printf("%-9s %9s %9s %9s %9s  %-18s %9s %9s %9s %9s %9s %8s\n", "", "", "", "", "", "", "",
+              "per unit", "per unit", "per unit", "per unit", "");
   for (PhaseResult const& r : phases) {
-    std::printf("%-9s %10.4f %10.4f %10llu  %-18s %10.3f %9.3f  %s\n", r.name.c_str(), r.time.wall,
-                r.time.cpu, static_cast<unsigned long long>(r.units), r.unitName.c_str(),
-                r.usPerUnit(), r.check.wall, r.failures.empty() ? "ok" : "FAILED");
+    std::string const allocs =
+        allocationsCounted() ? fixed(r.allocationsPerUnit(), 2) : std::string("-");
+    std::printf("%-9s %9.4f %9.4f %9.4f %9.4f  %-18s %9llu %9.3f %9.3f %9.3f %9s %8.3f  %s\n",
+                r.name.c_str(), r.time.wall, r.time.cpu, r.time.user, r.time.system,
+                r.unitName.c_str(), static_cast<unsigned long long>(r.units), r.usPerUnit(),
+                r.userUsPerUnit(), r.faultsPerUnit(), allocs.c_str(), r.checkSeconds,
+                r.failures.empty() ? "ok" : "FAILED");
     for (std::string const& f : r.failures)
       std::printf("    %s\n", f.c_str());
   }
@@ -546,7 +715,17 @@ void printJson(Shape const& shape, std::vector<PhaseResult> const& phases, Sizes
     o << (first ? "" : ",") << "\"" << r.name << "\":{\"wallSeconds\":" << fixed(r.time.wall, 6)
       << ",\"cpuSeconds\":" << fixed(r.time.cpu, 6) << ",\"units\":" << r.units << ",\"unit\":\""
       << r.unitName << "\",\"usPerUnit\":" << fixed(r.usPerUnit(), 4)
-      << ",\"checkSeconds\":" << fixed(r.check.wall, 6)
+      << ",\"userSeconds\":" << fixed(r.time.user, 6)
+      << ",\"systemSeconds\":" << fixed(r.time.system, 6)
+      << ",\"userUsPerUnit\":" << fixed(r.userUsPerUnit(), 4)
+      << ",\"systemUsPerUnit\":" << fixed(r.systemUsPerUnit(), 4)
+      << ",\"minorFaults\":" << r.time.minorFaults
+      << ",\"minorFaultsPerUnit\":" << fixed(r.faultsPerUnit(), 4);
+    if (allocationsCounted()) {
+      o << ",\"allocations\":" << r.time.allocations
+        << ",\"allocationsPerUnit\":" << fixed(r.allocationsPerUnit(), 4);
+    }
+    o << ",\"checkSeconds\":" << fixed(r.checkSeconds, 6)
       << ",\"ok\":" << (r.failures.empty() ? "true" : "false") << "}";
     first = false;
   }

@@ -21,7 +21,7 @@ void NotifieeBase::detach() {
 Entity::~Entity() {
   // Notifiees hold counted references, so none can be left; the list may remain only if it was
   // emptied during a dispatch that is unwinding.
-  delete notifiees_;
+  if ((notifiees_ & kOneNotifiee) == 0) delete list();
 }
 
 std::string Entity::fullName() const {
@@ -30,42 +30,59 @@ std::string Entity::fullName() const {
 }
 
 U32 Entity::notifieeCount() const {
-  if (notifiees_ == nullptr) return 0;
-  return static_cast<U32>(std::count_if(notifiees_->items.begin(), notifiees_->items.end(),
-                                        [](NotifieeBase* n) { return n != nullptr; }));
+  if (notifiees_ == 0) return 0;
+  if (notifiees_ & kOneNotifiee) return 1;
+  auto const& items = list()->items;
+  return static_cast<U32>(
+      std::count_if(items.begin(), items.end(), [](NotifieeBase* n) { return n != nullptr; }));
 }
 
 void Entity::addNotifiee(NotifieeBase* n) const {
-  if (notifiees_ == nullptr) notifiees_ = new NotifieeList;
-  notifiees_->items.push_back(n);
+  if (notifiees_ == 0) {
+    notifiees_ = reinterpret_cast<std::uintptr_t>(n) | kOneNotifiee;
+    return;
+  }
+  if (notifiees_ & kOneNotifiee) {
+    auto* l = new NotifieeList;
+    l->items.push_back(reinterpret_cast<NotifieeBase*>(notifiees_ & ~kOneNotifiee));
+    notifiees_ = reinterpret_cast<std::uintptr_t>(l);
+  }
+  list()->items.push_back(n);
 }
 
 void Entity::removeNotifiee(NotifieeBase* n) const {
-  if (notifiees_ == nullptr) return;
-  auto& items = notifiees_->items;
+  if (notifiees_ == 0) return;
+  if (notifiees_ & kOneNotifiee) {
+    if (notifiees_ == (reinterpret_cast<std::uintptr_t>(n) | kOneNotifiee)) notifiees_ = 0;
+    return;
+  }
+  auto& items = list()->items;
   auto it = std::find(items.begin(), items.end(), n);
   if (it == items.end()) return;
-  if (notifiees_->depth > 0) {
+  if (list()->depth > 0) {
     *it = nullptr;
-    notifiees_->holes = true;
+    list()->holes = true;
     return;
   }
   items.erase(it);
-  if (items.empty()) {
-    delete notifiees_;
-    notifiees_ = nullptr;
-  }
+  shrinkNotifiees();
 }
 
 void Entity::compactNotifiees() const {
-  if (!notifiees_->holes) return;
-  auto& items = notifiees_->items;
+  if (!list()->holes) return;
+  auto& items = list()->items;
   items.erase(std::remove(items.begin(), items.end(), nullptr), items.end());
-  notifiees_->holes = false;
-  if (items.empty()) {
-    delete notifiees_;
-    notifiees_ = nullptr;
-  }
+  list()->holes = false;
+  shrinkNotifiees();
+}
+
+void Entity::shrinkNotifiees() const {
+  auto& items = list()->items;
+  if (items.size() > 1) return;
+  std::uintptr_t one =
+      items.empty() ? 0 : (reinterpret_cast<std::uintptr_t>(items.front()) | kOneNotifiee);
+  delete list();
+  notifiees_ = one;
 }
 
 }  // namespace Mosk

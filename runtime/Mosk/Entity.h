@@ -9,6 +9,7 @@
 #pragma once
 
 #include <boost/container/small_vector.hpp>
+#include <cstdint>
 #include <string>
 
 #include "Mosk/Ptr.h"
@@ -67,7 +68,7 @@ class Entity : public PtrInterface {
   // The path of names from the root, joined by '/'.
   std::string fullName() const;
 
-  bool hasNotifiees() const { return notifiees_ != nullptr; }
+  bool hasNotifiees() const { return notifiees_ != 0; }
   U32 notifieeCount() const;
 
   // True for the entities of a copy mounted read-only from another process.
@@ -83,10 +84,18 @@ class Entity : public PtrInterface {
   // Calls `fn(args...)` on every active notifiee of type N.
   template <class N, class... P, class... A>
   void notify(void (N::*fn)(P...), A const&... args) const {
-    if (MOSK_LIKELY(notifiees_ == nullptr)) return;
+    if (MOSK_LIKELY(notifiees_ == 0)) return;
+    if (notifiees_ & kOneNotifiee) {
+      // The notifiee may detach itself or attach others; nothing here reads the list again.
+      NotifieeBase* n = reinterpret_cast<NotifieeBase*>(notifiees_ & ~kOneNotifiee);
+      if (!n->active_) return;
+      KeepAlive alive(this);
+      (static_cast<N*>(n)->*fn)(args...);
+      return;
+    }
     Dispatch dispatch(this);
     for (std::size_t i = 0; i < dispatch.count; ++i) {
-      NotifieeBase* n = notifiees_->items[i];
+      NotifieeBase* n = list()->items[i];
       if (n != nullptr && n->active_) (static_cast<N*>(n)->*fn)(args...);
     }
   }
@@ -107,25 +116,38 @@ class Entity : public PtrInterface {
     bool holes = false;
   };
 
+  // Keeps the notifier alive across a call to its one notifiee.
+  struct KeepAlive {
+    explicit KeepAlive(Entity const* e) : entity(e) { e->newRef(); }
+    ~KeepAlive() { entity->deleteRef(); }
+    Entity const* entity;
+  };
+
   // Keeps the notifier and its list alive across one dispatch; compacts afterwards.
   struct Dispatch {
-    explicit Dispatch(Entity const* e) : entity(e), count(e->notifiees_->items.size()) {
+    explicit Dispatch(Entity const* e) : entity(e), count(e->list()->items.size()) {
       e->newRef();
-      ++e->notifiees_->depth;
+      ++e->list()->depth;
     }
     ~Dispatch() {
-      if (--entity->notifiees_->depth == 0) entity->compactNotifiees();
+      if (--entity->list()->depth == 0) entity->compactNotifiees();
       entity->deleteRef();
     }
     Entity const* entity;
     std::size_t count;
   };
 
+  NotifieeList* list() const { return reinterpret_cast<NotifieeList*>(notifiees_); }
   void addNotifiee(NotifieeBase* n) const;
   void removeNotifiee(NotifieeBase* n) const;
   void compactNotifiees() const;
+  // After a removal outside any dispatch: back to one inline notifiee, or none.
+  void shrinkNotifiees() const;
 
-  mutable NotifieeList* notifiees_ = nullptr;
+  // Most entities have at most one notifiee (the reactor of the one machine that watches
+  // them), so it is kept here with the low bit set; a second one moves them to a list.
+  static constexpr std::uintptr_t kOneNotifiee = 1;
+  mutable std::uintptr_t notifiees_ = 0;
   Entity const* parent_ = nullptr;
 };
 

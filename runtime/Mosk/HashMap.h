@@ -3,7 +3,8 @@
 //
 // Both iterate in hash order (OrderedHashTable) with cursors that survive any insertion or
 // erasure, including of the element under the cursor and the one after it, and that can start
-// at a key (or where that key would be).
+// at a key (or where that key would be). A HashMap with `Inline` > 0 keeps up to that many
+// entries inside itself and allocates nothing for them (see OrderedHashTable).
 #pragma once
 
 #include <functional>
@@ -26,7 +27,7 @@ struct KeyHash<Ptr<T>> {
   }
 };
 
-template <class K, class V, class Hasher = KeyHash<K>, class Less = std::less<K>>
+template <class K, class V, class Hasher = KeyHash<K>, class Less = std::less<K>, U32 Inline = 0>
 class HashMap {
  public:
   struct Entry {
@@ -41,7 +42,7 @@ class HashMap {
     static U32 hash(K const& k) { return Hasher()(k); }
     static bool less(K const& a, K const& b) { return Less()(a, b); }
   };
-  using Table = OrderedHashTable<Entry, Traits>;
+  using Table = OrderedHashTable<Entry, Traits, Inline>;
 
  public:
   template <bool Const>

@@ -10,6 +10,11 @@
 //
 // Traits: `Key`; `static Key const& key(Entry const&)`; `static U32 hash(Key const&)`;
 // `static bool less(Key const&, Key const&)`.
+//
+// Inline: room for that many entries inside the table object itself, for the many tables of one
+// to a few entries (the lists of a candidate path, the users of a list). Up to that count the
+// entries sit in one run, in the same order as ever, and the table allocates nothing; one more
+// moves them to allocated slots like any table's. What a cursor sees does not change.
 #pragma once
 
 #include <algorithm>
@@ -24,13 +29,13 @@
 
 namespace Mosk {
 
-template <class Entry, class Traits>
+template <class Entry, class Traits, U32 Inline = 0>
 class OrderedHashTable {
  public:
   using Key = typename Traits::Key;
   static constexpr std::size_t npos = static_cast<std::size_t>(-1);
 
-  OrderedHashTable() = default;
+  OrderedHashTable() { useInline(); }
   OrderedHashTable(OrderedHashTable const&) = delete;
   OrderedHashTable& operator=(OrderedHashTable const&) = delete;
   ~OrderedHashTable() { release(); }
@@ -176,6 +181,26 @@ class OrderedHashTable {
     }
   };
 
+  // The inline slots; nothing at all when there are none.
+  struct NoSlots {
+    Slot* data() { return nullptr; }
+  };
+  struct InlineSlots {
+    Slot* data() { return slots; }
+    Slot slots[Inline > 0 ? Inline : 1];
+  };
+  using Storage = std::conditional_t<(Inline > 0), InlineSlots, NoSlots>;
+
+  bool allocated() const { return total_ != 0 && slots_ != const_cast<Storage&>(inline_).data(); }
+  // An empty table over the inline slots (or none): one run of `Inline` slots homed at 0.
+  void useInline() {
+    slots_ = inline_.data();
+    total_ = Inline;
+    logCap_ = 0;
+    for (std::size_t i = 0; i < Inline; ++i)
+      slots_[i].used = false;
+  }
+
   Key const& keyAt(std::size_t i) const { return Traits::key(slots_[i].entry()); }
 
   std::size_t home(U32 h) const { return homeIn(h, logCap_); }
@@ -255,10 +280,10 @@ class OrderedHashTable {
     while (!fitsIn(newLog))
       ++newLog;
     std::size_t newTotal = (std::size_t{1} << newLog) + extraSlots(newLog);
-    std::unique_ptr<Slot[]> fresh(new Slot[newTotal]);
+    Slot* fresh = new Slot[newTotal];
     for (std::size_t i = 0; i < newTotal; ++i)
       fresh[i].used = false;
-    rebuildWith(std::move(fresh), newLog, newTotal);
+    rebuildWith(fresh, newLog, newTotal);
   }
 
   bool fitsIn(U32 newLog) const {
@@ -277,7 +302,7 @@ class OrderedHashTable {
     return static_cast<std::size_t>((static_cast<U64>(h) << logCap) >> 32);
   }
 
-  void rebuildWith(std::unique_ptr<Slot[]> fresh, U32 newLog, std::size_t newTotal) {
+  void rebuildWith(Slot* fresh, U32 newLog, std::size_t newTotal) {
     std::size_t next = 0;
     for (std::size_t i = 0; i < total_; ++i) {
       if (!slots_[i].used) continue;
@@ -287,9 +312,10 @@ class OrderedHashTable {
       slots_[i].destroy();
       next = at + 1;
     }
-    slots_ = std::move(fresh);
+    if (allocated()) delete[] slots_;
+    slots_ = fresh;
     logCap_ = newLog;
-    total_ = newTotal;
+    total_ = static_cast<U32>(newTotal);
     ++epoch_;
   }
 
@@ -297,17 +323,17 @@ class OrderedHashTable {
     for (std::size_t i = 0; i < total_; ++i) {
       if (slots_[i].used) slots_[i].destroy();
     }
-    slots_.reset();
+    if (allocated()) delete[] slots_;
     size_ = 0;
-    total_ = 0;
-    logCap_ = 0;
+    useInline();
   }
 
-  std::unique_ptr<Slot[]> slots_;
-  std::size_t total_ = 0;  // slots allocated: the home slots and the overflow after them
+  Slot* slots_ = nullptr;
+  U32 total_ = 0;  // slots in use: the home slots and the overflow after them
   U32 logCap_ = 0;
   U32 size_ = 0;
   U32 epoch_ = 0;
+  [[no_unique_address]] Storage inline_;
 };
 
 }  // namespace Mosk

@@ -14,12 +14,10 @@
 
 #include "Mosk/Assert.h"
 #include "Mosk/Exception.h"
+#include "Mosk/Pool.h"
 #include "Mosk/Types.h"
 
 namespace Mosk {
-
-// Set once at start-up, before any counted object is shared between threads.
-inline bool enableThreadSafePointers = false;
 
 class PtrInterface {
  public:
@@ -28,6 +26,11 @@ class PtrInterface {
   PtrInterface(PtrInterface const&) noexcept {}
   PtrInterface& operator=(PtrInterface const&) noexcept { return *this; }
   virtual ~PtrInterface() = default;
+
+  // Counted objects take their blocks from the size-class pools (Mosk/Pool.h). The destructor
+  // is virtual, so a delete passes the size of the object's own type.
+  static void* operator new(std::size_t size) { return Pool::take(size); }
+  static void operator delete(void* p, std::size_t size) noexcept { Pool::giveBack(p, size); }
 
   U32 references() const noexcept { return refs_; }
 

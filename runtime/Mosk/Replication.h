@@ -328,20 +328,20 @@ bool replicaErase(Map& map, K const& key) {
 }
 
 // Map access of the reader, for hashed maps and fixed arrays alike.
-template <class K, class V, class H, class L>
-V const* replicaFind(HashMap<K, V, H, L> const& m, K const& k) {
+template <class K, class V, class H, class L, U32 N>
+V const* replicaFind(HashMap<K, V, H, L, N> const& m, K const& k) {
   return m.find(k);
 }
-template <class K, class V, class H, class L>
-bool replicaSet(HashMap<K, V, H, L>& m, K const& k, V const& v) {
-  return m.set(k, v) != HashMap<K, V, H, L>::Change::none;
+template <class K, class V, class H, class L, U32 N>
+bool replicaSet(HashMap<K, V, H, L, N>& m, K const& k, V const& v) {
+  return m.set(k, v) != HashMap<K, V, H, L, N>::Change::none;
 }
-template <class K, class V, class H, class L>
-bool replicaErase(HashMap<K, V, H, L>& m, K const& k) {
+template <class K, class V, class H, class L, U32 N>
+bool replicaErase(HashMap<K, V, H, L, N>& m, K const& k) {
   return m.erase(k);
 }
-template <class K, class V, class H, class L, class F>
-void replicaKeys(HashMap<K, V, H, L> const& m, F&& f) {
+template <class K, class V, class H, class L, U32 N, class F>
+void replicaKeys(HashMap<K, V, H, L, N> const& m, F&& f) {
   for (auto c = m.cursor(); c; ++c)
     f(c.key());
 }

@@ -28,6 +28,10 @@ bool ViaSet::hasVia(Via const& via) const {
   return std::binary_search(vias_.begin(), vias_.end(), via);
 }
 
+U32 RouteKey::hash() const {
+  return topLabel_.hash();
+}
+
 U32 ViaSet::hash() const {
   Mosk::HashMix mix;
   for (Via const& v : vias_)

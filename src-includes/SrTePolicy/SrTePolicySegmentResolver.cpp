@@ -15,10 +15,12 @@ constexpr U32 kLastSource = 255;
 Mosk::Ptr<SegmentResolveResult const> SegmentResolver::resolveSegmentMpls(
     Ludd::MplsLabel label) const {
   SRTE_TRACE2(traceHandle, 7, "resolveSegmentMpls", "resolveSegmentMpls label " << label.value());
-  for (U32 source = kFirstSource; source <= kLastSource; ++source) {
-    Mpls::RouteKey key(label, Mpls::LFib::Source(static_cast<U8>(source)));
-    Mpls::LFib::Route route = mplsStatus_->lfibRoute(key);
-    if (route == Mpls::LFib::Route()) continue;
+  // The label's routes in ascending source order: the same routes, in the same order, as
+  // looking each source up in turn, without probing the sources that have none.
+  for (auto c = mplsStatus_->lfibRouteIterOfLabel(label); c && c.key().topLabel() == label; ++c) {
+    U32 const source = c.key().source().value();
+    if (source < kFirstSource || source > kLastSource) continue;
+    Mpls::LFib::Route const route = c.value();
     if (skipMplsRouteForResolution(route)) continue;
     return Mosk::Ptr<SegmentResolveResult const>(new SegmentResolveResult(route.adjacencyKey()));
   }

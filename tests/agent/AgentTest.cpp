@@ -2,6 +2,7 @@
 // leading back to the same forwarding state.
 #include <gtest/gtest.h>
 
+#include <array>
 #include <sstream>
 
 #include "PublishedState.h"
@@ -67,6 +68,18 @@ class Agent : public ::testing::Test {
       out += os.str();
     }
     return out;
+  }
+
+  // The keeper's counts by source against a walk of every policy (what they spare a reader).
+  void expectCountsAsWalked() {
+    std::array<U64, 4> eligible{}, active{};
+    for (auto it = agent.ecPolicy()->policyIterConst(); it; ++it) {
+      for (auto c = it.ptr()->candidateIterConst(); c; ++c)
+        ++eligible[static_cast<U8>(c.key().source())];
+      if (auto a = it.ptr()->active()) ++active[static_cast<U8>(a->priority().source())];
+    }
+    EXPECT_EQ(agent.activityCounts().eligibleBySource, eligible);
+    EXPECT_EQ(agent.activityCounts().activeBySource, active);
   }
 
   SrTePolicyAgent agent{Vell::manualClockFactory()};
@@ -154,7 +167,8 @@ TEST_F(Agent, ActivityCountsAndDatesSettledChangesOfTheActiveCandidate) {
   // Catches: the transient clear-and-set of a candidate filed anew counted as two changes, a
   // change dated by the settle rather than by when it happened, a policy that loses its last
   // candidate not counted, an entry kept for a key nothing knows any more, and a host that
-  // drives the scheduler itself never told to settle.
+  // drives the scheduler itself never told to settle; counts by source that drift from the
+  // policies (a candidate that stops being eligible while another stays active, a policy gone).
   int settleCalls = 0;
   agent.activitySettleDueIs([&] { ++settleCalls; });
   routeUp(16001, 1, "10.0.0.2");
@@ -169,6 +183,7 @@ TEST_F(Agent, ActivityCountsAndDatesSettledChangesOfTheActiveCandidate) {
   candidate(PolicySource::sourcePcep, 1, "192.0.2.1", 200, 900001, {{17001, 5}});
   agent.advance(0.5);  // dated at the change, not at the settle
   EXPECT_EQ(activity("192.0.2.1"), "2/1 since 1 x2");
+  expectCountsAsWalked();
   EXPECT_EQ(settleCalls, 2);
 
   // The active candidate's preference changes: selection files it anew, and it stays active.
@@ -180,9 +195,11 @@ TEST_F(Agent, ActivityCountsAndDatesSettledChangesOfTheActiveCandidate) {
   routeDown(17001);
   agent.advance(1.0);
   EXPECT_EQ(activity("192.0.2.1"), "1/1 since 2 x3");
+  expectCountsAsWalked();
   routeDown(16001);
   agent.advance(1.0);
   EXPECT_EQ(activity("192.0.2.1"), "- since 3 x4");
+  expectCountsAsWalked();
   routeUp(16001, 3, "10.0.0.3");
   agent.runDue();
   EXPECT_EQ(activity("192.0.2.1"), "1/1 since 4 x5");
@@ -196,6 +213,8 @@ TEST_F(Agent, ActivityCountsAndDatesSettledChangesOfTheActiveCandidate) {
       ->policyInputEntryDel(PolicyId::make(PolicySource::sourcePcep, 1));
   agent.runDue();
   EXPECT_EQ(activity("192.0.2.1"), "none");
+  expectCountsAsWalked();
+  EXPECT_EQ(agent.activityCounts().transitions, 6u);
 }
 
 }  // namespace

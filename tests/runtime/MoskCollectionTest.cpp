@@ -53,6 +53,16 @@ struct HashMapKind {
   static void walk(C& c, Visit const& f) { walkCursor(c, f); }
 };
 
+// A map with room for three entries inside itself; the walks below hold fifty.
+struct InlineHashMapKind {
+  using C = Mosk::HashMap<U32, U32, Mosk::KeyHash<U32>, std::less<U32>, 3>;
+  static void put(C& c, U32 k) { c.set(k, k + 1); }
+  static void del(C& c, U32 k) { c.erase(k); }
+  static bool has(C const& c, U32 k) { return c.contains(k); }
+  static U32 size(C const& c) { return c.size(); }
+  static void walk(C& c, Visit const& f) { walkCursor(c, f); }
+};
+
 struct EntityHashMapKind {
   using C = Mosk::EntityHashMap<U32, Elem, Elem::KeyOf>;
   static void put(C& c, U32 k) { c.insert(Mosk::Ptr<Elem>(new Elem(k))); }
@@ -117,8 +127,8 @@ struct PodArrayKind {
 template <class Kind>
 class CollectionKinds : public ::testing::Test {};
 
-using Kinds = ::testing::Types<HashMapKind, EntityHashMapKind, RbTreeMapKind, DynArrayKind,
-                               ArrayKind, PodArrayKind>;
+using Kinds = ::testing::Types<HashMapKind, InlineHashMapKind, EntityHashMapKind, RbTreeMapKind,
+                               DynArrayKind, ArrayKind, PodArrayKind>;
 TYPED_TEST_SUITE(CollectionKinds, Kinds);
 
 TYPED_TEST(CollectionKinds, InsertFindAndErase) {
@@ -207,6 +217,56 @@ TEST(MoskHashMap, AgreesWithReferenceUnderRandomOperations) {
     last = pos;
   }
   EXPECT_EQ(seen, ref.size());
+}
+
+// A map that keeps a few entries inside itself must behave exactly as one that does not, while it
+// grows past its inline room, shrinks, is cleared and grows again. Catches entries lost or
+// reordered when they move out of (or back into) the inline slots, a cursor losing its place
+// across that move, and a cleared map that keeps using freed slots.
+TEST(MoskHashMap, InlineEntriesBehaveAsAllocatedOnes) {
+  Mosk::HashMap<U32, U32, Mosk::KeyHash<U32>, std::less<U32>, 2> small;
+  Mosk::HashMap<U32, U32> plain;
+  std::mt19937 rng(11);
+  auto same = [&] {
+    std::vector<std::pair<U32, U32>> a, b;
+    for (auto c = small.cursor(); c; ++c)
+      a.emplace_back(c.key(), c.value());
+    for (auto c = plain.cursor(); c; ++c)
+      b.emplace_back(c.key(), c.value());
+    return a == b;
+  };
+  for (int step = 0; step < 4000; ++step) {
+    U32 const k = rng() % 7;
+    U32 const op = rng() % 10;
+    if (op < 5) {
+      U32 const v = rng() % 3;
+      EXPECT_EQ(small.set(k, v) == decltype(small)::Change::none,
+                plain.set(k, v) == decltype(plain)::Change::none);
+    } else if (op < 9) {
+      EXPECT_EQ(small.erase(k), plain.erase(k));
+    } else if (step % 7 == 0) {
+      small.clear();
+      plain.clear();
+      EXPECT_EQ(small.slotCount(), 2u) << "a cleared map goes back to its inline slots";
+    } else {
+      // A walk that inserts behind its cursor: the two maps must visit the same keys.
+      std::vector<U32> a, b;
+      for (auto c = small.cursor(); c; ++c) {
+        a.push_back(c.key());
+        small.set(c.key() + 7, 0);
+      }
+      for (auto c = plain.cursor(); c; ++c) {
+        b.push_back(c.key());
+        plain.set(c.key() + 7, 0);
+      }
+      EXPECT_EQ(a, b);
+      for (U32 extra = 7; extra < 14; ++extra) {
+        small.erase(extra);
+        plain.erase(extra);
+      }
+    }
+    ASSERT_TRUE(same()) << "step " << step;
+  }
 }
 
 // Faults: the moving set losing the value of an existing key (reporting no change, storing

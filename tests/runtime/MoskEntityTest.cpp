@@ -121,6 +121,10 @@ TEST_F(MoskEntity, InactiveNotifieeIgnoresCallbacksUntilReactivated) {
   EXPECT_EQ(w.events, (Events{"level 2"}));
 }
 
+// Run with a second notifiee (the list of several) and with the detacher alone (the one kept
+// inline, which turns into a list when it attaches another). Catches: a notifiee called by the
+// dispatch it was detached in or attached in, and a lone notifiee's change of the list read
+// after its callback.
 TEST_F(MoskEntity, NotifieesMayDetachAndAttachDuringDispatch) {
   struct Detacher : Leaf::NotifieeConst {
     Leaf::NotifieeConst* victim = nullptr;
@@ -128,25 +132,39 @@ TEST_F(MoskEntity, NotifieesMayDetachAndAttachDuringDispatch) {
     int calls = 0;
     void onLevel() override {
       ++calls;
-      victim->notifierIs(nullptr);
+      if (victim != nullptr) victim->notifierIs(nullptr);
       late->notifierIs(notifier());
       notifierIs(nullptr);
     }
   };
-  Detacher d;
-  LeafWatcher victim, late;
-  d.victim = &victim;
-  d.late = &late;
-  d.notifierIs(leaf);
-  victim.notifierIs(leaf);
-  leaf->levelIs(1);
-  EXPECT_EQ(d.calls, 1);
-  EXPECT_TRUE(victim.events.empty()) << "a notifiee detached during dispatch was still called";
-  EXPECT_TRUE(late.events.empty()) << "a notifiee attached during dispatch heard that dispatch";
-  leaf->levelIs(2);
-  EXPECT_EQ(d.calls, 1);
-  EXPECT_EQ(late.events, (Events{"level 2"}));
-  EXPECT_EQ(leaf->notifieeCount(), 1u);
+  for (bool alone : {false, true}) {
+    SCOPED_TRACE(alone ? "one notifiee" : "two notifiees");
+    Ptr<Leaf> watched = leafFactory(alone ? 6 : 7, Colour::red, Small(2));
+    Detacher d;
+    LeafWatcher victim, late;
+    d.late = &late;
+    d.notifierIs(watched);
+    if (!alone) {
+      d.victim = &victim;
+      victim.notifierIs(watched);
+    }
+    watched->levelIs(1);
+    EXPECT_EQ(d.calls, 1);
+    EXPECT_TRUE(victim.events.empty()) << "a notifiee detached during dispatch was still called";
+    EXPECT_TRUE(late.events.empty()) << "a notifiee attached during dispatch heard that dispatch";
+    watched->levelIs(2);
+    EXPECT_EQ(d.calls, 1);
+    EXPECT_EQ(late.events, (Events{"level 2"}));
+    EXPECT_EQ(watched->notifieeCount(), 1u);
+    // Two again, then one of them leaves outside any dispatch: the other still hears.
+    victim.notifierIs(watched);
+    late.notifierIs(nullptr);
+    watched->levelIs(3);
+    EXPECT_EQ(victim.events, (Events{"level 3"}));
+    EXPECT_EQ(watched->notifieeCount(), 1u);
+    victim.notifierIs(nullptr);
+    EXPECT_FALSE(watched->hasNotifiees());
+  }
 }
 
 TEST_F(MoskEntity, NotifieeKeepsItsNotifierAlive) {

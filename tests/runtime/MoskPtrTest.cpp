@@ -1,5 +1,7 @@
-// Counted references: counts, destruction at zero, the thread-safe switch.
+// Counted references: counts, destruction at zero, the thread-safe switch, pooled blocks.
 #include <gtest/gtest.h>
+
+#include <vector>
 
 #include "Mosk/Ptr.h"
 
@@ -59,6 +61,47 @@ TEST(MoskPtr, ThreadSafeSwitchCountsTheSame) {
   }
   Mosk::enableThreadSafePointers = false;
   EXPECT_EQ(destroyed, 1);
+}
+
+// Objects of several sizes: a derived object bigger than its base, one past the largest pooled
+// class, and one freed through a pointer to its base.
+template <std::size_t N>
+struct Sized : Counted {
+  using Counted::Counted;
+  char payload[N] = {};
+};
+
+// Catches: a delete that gives a block back to the wrong size class (a later object of the
+// bigger class would overlap its neighbour), a freed block not reused, a large object taken
+// from a pool, and counts that go wrong with the thread-safe switch on.
+TEST(MoskPtr, PooledBlocksGoBackToTheirOwnSizeAndAreReused) {
+  int destroyed = 0;
+  for (bool threadSafe : {false, true}) {
+    SCOPED_TRACE(threadSafe ? "thread-safe" : "plain");
+    Mosk::enableThreadSafePointers = threadSafe;
+    auto before = Mosk::Pool::counts;
+    Counted* big = new Sized<100>(&destroyed);
+    void* bigBlock = big;
+    {
+      Mosk::Ptr<Counted> viaBase(big);  // deleted as a Counted: the size must be Sized<100>'s
+    }
+    Mosk::Ptr<Counted> small(new Counted(&destroyed));
+    EXPECT_NE(static_cast<void*>(small.ptr()), bigBlock);
+    Mosk::Ptr<Counted> again(new Sized<100>(&destroyed));
+    std::vector<Mosk::Ptr<Counted>> huge;
+    for (int i = 0; i < 3; ++i)
+      huge.emplace_back(new Sized<Mosk::Pool::kLargestPooled>(&destroyed));
+    huge.clear();
+    if (MOSK_POOLED_BLOCKS) {
+      EXPECT_EQ(static_cast<void*>(again.ptr()), bigBlock);
+      EXPECT_EQ(Mosk::Pool::counts.taken - before.taken, 3u);
+      EXPECT_EQ(Mosk::Pool::counts.returned - before.returned, 1u);
+    }
+    small = nullptr;
+    again = nullptr;
+    Mosk::enableThreadSafePointers = false;
+  }
+  EXPECT_EQ(destroyed, 12);
 }
 
 TEST(MoskPtr, ValidPtrRefusesNull) {

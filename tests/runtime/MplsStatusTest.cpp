@@ -2,6 +2,7 @@
 // generator rely on.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <vector>
 
 #include "Mpls/MplsStatus.h"
@@ -70,6 +71,36 @@ TEST(MplsStatus, RouteWritesNotifyPerChangedKey) {
 
 // Faults: an external FEC adjacency stored under the wrong index or not announced; a route
 // that points elsewhere taken for one that uses an external FEC adjacency.
+// Catches: a walk of one label's routes that misses a source, meets them out of source order,
+// or runs into another label's routes (the resolver would then try sources in the wrong order
+// or use a route of another label). Labels and sources are written in a scrambled order and
+// some removed again.
+TEST(MplsStatus, RoutesOfOneLabelFollowOneAnotherBySource) {
+  auto status = statusFactory("lfib");
+  constexpr U32 kLabels = 300;
+  std::vector<std::vector<U32>> sources(kLabels);
+  for (U32 i = 0; i < kLabels * 4; ++i) {
+    U32 const label = (i * 7919) % kLabels;
+    U8 const source = static_cast<U8>((i * 104729 + label) % 256);
+    status->lfibRouteIs(route(16000 + label, source, i + 1, AdjacencyKind::viaSet));
+    sources[label].push_back(source);
+  }
+  for (U32 label = 0; label < kLabels; label += 3) {
+    status->lfibRouteDel(key(16000 + label, static_cast<U8>(sources[label].front())));
+    sources[label].erase(sources[label].begin());
+  }
+  for (U32 label = 0; label <= kLabels; ++label) {
+    std::vector<U32> want = label < kLabels ? sources[label] : std::vector<U32>{};
+    std::sort(want.begin(), want.end());
+    want.erase(std::unique(want.begin(), want.end()), want.end());
+    std::vector<U32> got;
+    MplsLabel const l(16000 + label);
+    for (auto c = status->lfibRouteIterOfLabel(l); c && c.key().topLabel() == l; ++c)
+      got.push_back(c.key().source().value());
+    EXPECT_EQ(got, want) << "label " << 16000 + label;
+  }
+}
+
 TEST(MplsStatus, ExternalFecAdjacencies) {
   auto status = statusFactory("bsid");
   Watcher w;

@@ -128,9 +128,10 @@ def emit_composite(o, v, model):
     explicit = "explicit " if len(v.fields) == 1 else ""
     o(f"  {explicit}{n}({params}) : {inits} {{}}")
     o("")
+    rehash = " hash_ = computeHash();" if v.cached_hash else ""
     for f in v.fields:
         o(f"  {ret(f.type, model)} {f.name}() const {{ return {f.name}_; }}")
-        o(f"  void {f.name}Is({f.type.param(model)} value) {{ {f.name}_ = value; }}")
+        o(f"  void {f.name}Is({f.type.param(model)} value) {{ {f.name}_ = value;{rehash} }}")
     o("")
     if v.custom_equal:
         o(f"  bool operator==({n} const& other) const;")
@@ -150,7 +151,11 @@ def emit_composite(o, v, model):
         o(f"  bool operator<=({n} const& other) const {{ return !(other < *this); }}")
         o(f"  bool operator>({n} const& other) const {{ return !(*this <= other); }}")
         o(f"  bool operator>=({n} const& other) const {{ return !(*this < other); }}")
-    o("  U32 hash() const;")
+    if v.cached_hash:
+        o("  // Computed when a field is set: a value hashed at every lookup is hashed once.")
+        o("  U32 hash() const { return hash_; }")
+    else:
+        o("  U32 hash() const;")
     o("  void strep(std::ostream& os) const;")
     o(f"  static {n} strepRead(Mosk::TextReader& r);")
     replica.composite_log_decls(o, v)
@@ -161,6 +166,10 @@ def emit_composite(o, v, model):
     for f in v.fields:
         init = f"{{{f.default}}}" if f.default is not None else "{}"
         o(f"  {f.type.text} {f.name}_{init};")
+    if v.cached_hash:
+        o("  U32 computeHash() const;")
+        o("  // After the fields, so that every constructor computes it from their values.")
+        o("  U32 hash_ = computeHash();")
     o("};")
     o("")
     o(f"inline std::ostream& operator<<(std::ostream& os, {n} const& v) {{")
@@ -174,7 +183,7 @@ def emit_composite_source(o, v, model):
     n = v.name
     replica.composite_log_source(o, v)
     if not v.custom_hash:
-        o(f"U32 {n}::hash() const {{")
+        o(f"U32 {n}::{'computeHash' if v.cached_hash else 'hash'}() const {{")
         o("  Mosk::HashMix mix;")
         for f in v.fields:
             o(f"  mix.add(Mosk::hashOf({f.name}_));")
@@ -198,6 +207,8 @@ def emit_composite_source(o, v, model):
         lead = prefix if i == 0 else ", "
         o(f"  r.expect(\"{lead}'{f.name}': \");")
         o(f"  v.{f.name}_ = Mosk::readField<{f.type.text}>(r, \"{f.name}\");")
+    if v.cached_hash:
+        o("  v.hash_ = v.computeHash();")
     o("  r.expect(\"})\");")
     o("  return v;")
     o("}")
@@ -290,10 +301,12 @@ def coll_types(c, model):
     if c.kind == "ptr":
         v = f"Mosk::Ptr<{c.value.pointee}{' const' if c.value.pointee_const else ''}>"
     extra = ""
-    if c.hasher or c.less:
+    if c.hasher or c.less or c.inline:
         extra = f", {c.hasher or 'Mosk::KeyHash<' + k + '>'}"
-        if c.less:
-            extra += f", {c.less}"
+        if c.less or c.inline:
+            extra += f", {c.less or 'std::less<' + k + '>'}"
+        if c.inline:
+            extra += f", {c.inline}"
     return f"Mosk::HashMap<{k}, {v}{extra}>"
 
 

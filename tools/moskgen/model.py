@@ -6,7 +6,7 @@ BUILTINS = {"bool", "U8", "U16", "U32", "U64", "S8", "S16", "S32", "S64", "doubl
 
 ATTR_FLAGS = {"key", "mutable", "counter", "nonotify", "nullable", "instantiating", "inserting",
               "tree", "array", "hasher", "notifyall", "less", "const", "keyed", "ordefault",
-              "table", "bykey"}
+              "table", "bykey", "inline"}
 
 
 class MoskError(Exception):
@@ -97,6 +97,7 @@ class ValueType:
         self.ordered = None  # None, "auto" or "custom"
         self.arithmetic = False
         self.custom_hash = False
+        self.cached_hash = False  # the hash is computed when a field changes and kept
         self.custom_text = False
         self.custom_equal = False
         self.code = []
@@ -163,6 +164,7 @@ class Collection:
         self.notifyall = "notifyall" in flags
         self.tree = "tree" in flags
         self.capacity = flags.get("array")
+        self.inline = flags.get("inline")  # entries kept inside the owner before allocating
         self.hasher = flags.get("hasher")
         self.less = flags.get("less")
         self.keyed = flags.get("keyed")  # the field of the value that is its key
@@ -324,7 +326,7 @@ class Parser:
         flags = {}
         while self.peek().kind == "name" and self.peek().text in ATTR_FLAGS:
             f = self.next().text
-            if f == "array":
+            if f in ("array", "inline"):
                 flags[f] = int(self.next().text)
             elif f in ("hasher", "less", "keyed", "bykey"):
                 flags[f] = self.name()
@@ -390,8 +392,11 @@ class Parser:
                 self.expect(";")
             elif t.text == "hash":
                 self.next()
-                self.expect("custom")
-                v.custom_hash = True
+                if self.accept("cached"):
+                    v.cached_hash = True
+                else:
+                    self.expect("custom")
+                    v.custom_hash = True
                 self.expect(";")
             elif t.text == "text":
                 self.next()
@@ -522,6 +527,8 @@ def resolve(model):
                                 f"by a field of their value")
             if c.tree and c.kind != "entity":
                 raise MoskError(f"{model.path}:{c.line}: only entity collections can be trees")
+            if c.inline is not None and c.kind != "value":
+                raise MoskError(f"{model.path}:{c.line}: only value maps keep entries inline")
             if c.ordefault and c.kind != "value":
                 raise MoskError(f"{model.path}:{c.line}: only value maps look up with ordefault")
 

@@ -49,6 +49,8 @@ def composite_log_source(o, v):
     o(f"  {n} v;")
     for f in v.fields:
         o(f"  v.{f.name}_ = Mosk::logReadField<{f.type.text}>(r, \"{f.name}\");")
+    if v.cached_hash:
+        o("  v.hash_ = v.computeHash();")
     o("  return v;")
     o("}")
     o("")

@@ -198,6 +198,10 @@ class Reader {
 
   std::string const& file() const { return file_; }
 
+  StaticConfig staticConfigAt(Json const& value, std::string path) const {
+    return staticConfig(Node(*this, value, std::move(path)));
+  }
+
   Scenario read(Json const& doc) {
     Node root(*this, doc, "");
     root.requireObject("a scenario");
@@ -846,10 +850,9 @@ class Reader {
 
 }  // namespace
 
-Scenario readScenarioText(std::string const& text, std::string const& fileName) {
-  Json doc;
+nlohmann::json parseJsonText(std::string const& text, std::string const& fileName) {
   try {
-    doc = Json::parse(text);
+    return Json::parse(text);
   } catch (Json::exception const& e) {
     // A syntax error, or a number no double holds (an out_of_range error, not a parse error).
     std::string what = e.what();
@@ -859,7 +862,15 @@ Scenario readScenarioText(std::string const& text, std::string const& fileName) 
         fileName, "",
         "not valid JSON: " + (pos == std::string::npos ? what : what.substr(pos + 2)));
   }
-  return Reader(fileName).read(doc);
+}
+
+Scenario readScenarioText(std::string const& text, std::string const& fileName) {
+  return Reader(fileName).read(parseJsonText(text, fileName));
+}
+
+StaticConfig readStaticConfig(nlohmann::json const& value, std::string const& fileName,
+                              std::string const& path) {
+  return Reader(fileName).staticConfigAt(value, path);
 }
 
 std::string readTextFile(std::string const& fileName, U64 maxBytes) {

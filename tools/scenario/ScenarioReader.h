@@ -8,6 +8,7 @@
 // The format is described in docs/simulator.md.
 #pragma once
 
+#include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <string>
 
@@ -39,5 +40,12 @@ Scenario readScenarioFile(std::string const& fileName, U64 maxBytes = ~U64(0));
 std::string readTextFile(std::string const& fileName, U64 maxBytes = ~U64(0));
 // The same for scenario text already in memory; `fileName` only names it in errors.
 Scenario readScenarioText(std::string const& text, std::string const& fileName);
+// The JSON document in `text`; raises ScenarioError ("not valid JSON: ..." with the line and
+// column) naming `fileName` when it is not one.
+nlohmann::json parseJsonText(std::string const& text, std::string const& fileName);
+// A static configuration as a scenario's "config" gives it (srte-agent's configuration file holds
+// one too), checked the same way; `path` is the JSON path of `value` in `fileName`, for errors.
+StaticConfig readStaticConfig(nlohmann::json const& value, std::string const& fileName,
+                              std::string const& path);
 
 }  // namespace SrTeScenario

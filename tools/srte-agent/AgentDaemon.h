@@ -5,6 +5,12 @@
 // SIGTERM handled by stopping in order; SIGHUP, SIGUSR1 and SIGUSR2 caught from construction on
 // so that none of them ends the process (SIGHUP goes to reload()).
 //
+// With a configuration file (--config) the daemon takes from it what the command line leaves
+// out, applies its static policies and color to DSCP map, and reload() reads it again and
+// applies only what changed. With --metrics it serves its metrics over HTTP (MetricsServer,
+// AgentMetrics). Under a service manager it reports its states (ServiceNotifier): ready once
+// the first poll of the sources is done, reloading, stopping, and the watchdog's pings.
+//
 // Every way out after start() passes through stop(), which writes the "stopped" line (when the
 // output still takes it) and lets the state server remove its socket: a signal, a failed
 // output when so configured, an unexpected error out of a handler.
@@ -22,10 +28,13 @@
 #include <ostream>
 #include <vector>
 
+#include "AgentMetrics.h"
 #include "DaemonOptions.h"
 #include "EventLog.h"
+#include "MetricsServer.h"
 #include "PublishedFeed.h"
 #include "ScenarioPlatform.h"
+#include "ServiceNotifier.h"
 #include "SourceWatcher.h"
 #include "SrTePolicy/SrTeColorDscpMap.h"
 #include "SrTePolicy/SrTePolicy.h"
@@ -49,7 +58,9 @@ class PlatformError : public std::runtime_error {
 
 class AgentDaemon {
  public:
-  // Builds the host and loads the platform (raises PlatformError); nothing runs before start().
+  // Builds the host, reads the configuration file when the options name one, loads the platform
+  // and the static configuration, opens the socket and the metrics endpoint (raises
+  // PlatformError); nothing runs before start(). `options` are those of the command line.
   AgentDaemon(boost::asio::io_context& io, DaemonOptions options, std::ostream& out);
   AgentDaemon(AgentDaemon const&) = delete;
   AgentDaemon& operator=(AgentDaemon const&) = delete;
@@ -65,8 +76,10 @@ class AgentDaemon {
   // the "stopped" line; the loop then runs out. `why` goes into the "stopping" line; `status`
   // becomes the exit status.
   void stop(std::string const& why, int status = 0);
-  // What SIGHUP does: the one place where reading the configuration again belongs. The command
-  // line is read once, so for now it only says so.
+  // What SIGHUP does: reads the configuration file again and applies what changed (static
+  // policies, colors, sources, poll and slice settings; the platform, the socket and the
+  // metrics address need a restart). A file that is not valid changes nothing. One "reload"
+  // line says what happened.
   void reload();
   bool stopped() const { return !agent_; }
 
@@ -75,9 +88,15 @@ class AgentDaemon {
   SrTePolicy::SrTePolicyAgent* agent() { return agent_.get(); }
   EventLog& log() { return *log_; }
   std::vector<std::unique_ptr<SourceWatcher>> const& sources() const { return sources_; }
+  DaemonOptions const& options() const { return options_; }
+  // The metrics endpoint's address; none without one.
+  std::optional<std::string> metricsAddress() const;
 
  private:
   void loadPlatform();
+  void applyColors();
+  // Applies the sources of `next` that differ from the running ones; says what changed.
+  void applySources(DaemonOptions const& next, std::vector<std::string>& changes);
   void awaitSignal();
   void onSignal(int signal);
   void outputFailed(std::string const& why);
@@ -92,7 +111,9 @@ class AgentDaemon {
   };
 
   boost::asio::io_context& io_;
-  DaemonOptions const options_;
+  // As given on the command line (read again with the file on reload), and as running.
+  DaemonOptions const commandLine_;
+  DaemonOptions options_;
   std::unique_ptr<SrTePolicy::SrTePolicyAgent> agent_;
   // What this host publishes of itself: whether policy processing runs (enabled from start()
   // until stop()), and the color to DSCP map, which the configuration front end would write
@@ -107,6 +128,10 @@ class AgentDaemon {
   // Serves the host's entities when a socket is given.
   std::unique_ptr<SrTeStateSync::StateServer> server_;
   std::vector<std::unique_ptr<SourceWatcher>> sources_;
+  std::unique_ptr<AgentMetrics> metrics_;
+  std::unique_ptr<MetricsServer> metricsServer_;
+  ServiceNotifier notifier_;
+  bool readyPending_ = true;
   boost::asio::steady_timer pollTimer_;
   boost::asio::signal_set signals_;
   std::shared_ptr<Alive> alive_;

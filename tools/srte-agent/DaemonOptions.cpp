@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <set>
 
+#include "MetricsServer.h"
 #include "Scenario.h"
 #include "Skerry/ShmTable.h"
 #include "StateSync.h"
@@ -13,17 +14,29 @@ namespace SrTeDaemon {
 using SrTePolicy::PolicySource;
 
 char const* const daemonUsage =
-    R"(usage: srte-agent [--platform FILE | --scenario FILE] [--source NAME=TABLE ...]
-                  [--source-user NAME=USER ...] [--serve | --socket PATH]
-                  [--socket-group GROUP] [--max-readers N] [--max-platform-bytes N]
-                  [--stop-on-output-error] [--poll-ms N] [--slice-us N] [--trace LEVEL]
-                  [--help]
+    R"(usage: srte-agent [--config FILE] [--platform FILE | --scenario FILE]
+                  [--source NAME=TABLE ...] [--source-user NAME=USER ...]
+                  [--serve | --socket PATH] [--socket-group GROUP] [--max-readers N]
+                  [--metrics ADDRESS:PORT] [--max-platform-bytes N] [--stop-on-output-error]
+                  [--poll-ms N] [--slice-us N] [--trace LEVEL] [--help]
+       srte-agent --check FILE
 
 Runs the SR-TE policy pipeline on an event loop: reads the candidate paths that sources write
 into their tables in shared memory (srte-source writes them), resolves them against the
 platform's LFIB and prints one JSON line per change of what it publishes (policy status, FECs,
 binding-SID routes) on standard output. See docs/agent.md for the lines.
 
+  --config FILE     the configuration file (JSON, docs/agent.md): static policies, the color
+                    to DSCP map, sources, socket, metrics, poll and slice settings. A setting
+                    the command line gives wins over the file's. SIGHUP reads the file again
+                    and applies what changed.
+  --check FILE      read and check the configuration file FILE and its platform, say what it
+                    holds in one line and exit (0 when good, 2 with the file, the JSON path and
+                    the reason when not)
+  --metrics ADDRESS:PORT
+                    serve the metrics in the Prometheus text format over HTTP at /metrics
+                    (127.0.0.1:9464, [::1]:9464; port 0 takes a free port, which the started
+                    line names)
   --platform FILE   a scenario file (docs/simulator.md) whose "platform" section is loaded as
                     the LFIB, adjacencies and FECs; its "sources", "config" and "steps" are
                     ignored. Without it the platform is empty and nothing resolves.
@@ -63,15 +76,17 @@ binding-SID routes) on standard output. See docs/agent.md for the lines.
   --help            this text
 
 SIGINT or SIGTERM stops it: the pipeline is torn down and the last line says "stopped".
-SIGHUP, SIGUSR1 and SIGUSR2 do not stop it; SIGPIPE is ignored.
+SIGHUP reads the configuration file again and applies what changed (a reload line says what);
+SIGUSR1 and SIGUSR2 do nothing but a line; SIGPIPE is ignored. Under a service manager that
+sets NOTIFY_SOCKET the agent reports READY=1, RELOADING=1, STOPPING=1 and watchdog pings.
 Exit status: 0 stopped by a signal, 1 the platform (or the scenario's inputs) could not be
 loaded, the socket could not be served, or the agent stopped on an output error or an
-unexpected error, 2 bad usage or a platform file that is not valid.
+unexpected error, 2 bad usage or a platform or configuration file that is not valid.
 )";
 
-namespace {
+namespace {}  // namespace
 
-U32 number(std::string const& option, std::string const& text, U32 min, U32 max) {
+U32 optionNumber(std::string const& option, std::string const& text, U32 min, U32 max) {
   U64 v = 0;
   bool ok = !text.empty() && text.size() <= 10;
   for (char c : text) {
@@ -84,6 +99,16 @@ U32 number(std::string const& option, std::string const& text, U32 min, U32 max)
   }
   return static_cast<U32>(v);
 }
+
+void checkTableName(std::string const& where, std::string const& table) {
+  try {
+    (void)Skerry::shmTablePath(table);
+  } catch (Mosk::RangeException const& e) {
+    throw UsageError(where + ": " + e.what());
+  }
+}
+
+namespace {
 
 SourceOption sourceOption(std::string const& text) {
   std::size_t const eq = text.find('=');
@@ -98,11 +123,7 @@ SourceOption sourceOption(std::string const& text) {
                      "source is the agent's own configuration)");
   }
   SourceOption given{*source, text.substr(eq + 1), std::nullopt};
-  try {
-    (void)Skerry::shmTablePath(given.table);
-  } catch (Mosk::RangeException const& e) {
-    throw UsageError("--source " + name + ": " + e.what());
-  }
+  checkTableName("--source " + name, given.table);
   return given;
 }
 
@@ -114,7 +135,21 @@ std::string defaultTable(PolicySource source) {
 
 DaemonOptions parseDaemonOptions(std::vector<std::string> const& args) {
   DaemonOptions o;
-  std::vector<std::pair<PolicySource, uid_t>> users;
+  // The key in the configuration file of each option that gives a setting.
+  static std::map<std::string, std::string> const keys = {
+      {"--platform", "platform"},
+      {"--scenario", "scenario"},
+      {"--socket", "socket"},
+      {"--serve", "socket"},
+      {"--socket-group", "socketGroup"},
+      {"--max-readers", "maxReaders"},
+      {"--source", "sources"},
+      {"--max-platform-bytes", "maxPlatformBytes"},
+      {"--stop-on-output-error", "stopOnOutputError"},
+      {"--poll-ms", "pollMs"},
+      {"--slice-us", "sliceUs"},
+      {"--trace", "trace"},
+      {"--metrics", "metrics"}};
   for (std::size_t i = 0; i < args.size(); ++i) {
     std::string name = args[i], value;
     bool hasValue = false;
@@ -123,6 +158,7 @@ DaemonOptions parseDaemonOptions(std::vector<std::string> const& args) {
       name = name.substr(0, eq);
       hasValue = true;
     }
+    if (auto key = keys.find(name); key != keys.end()) o.given.insert(key->second);
     if (name == "--help" || name == "-h") {
       o.help = true;
       continue;
@@ -137,9 +173,11 @@ DaemonOptions parseDaemonOptions(std::vector<std::string> const& args) {
       continue;
     }
     static std::set<std::string> const withValue = {
-        "--platform",    "--scenario", "--socket",      "--socket-group",
-        "--max-readers", "--source",   "--source-user", "--max-platform-bytes",
-        "--poll-ms",     "--slice-us", "--trace"};
+        "--platform",     "--scenario",    "--socket",
+        "--socket-group", "--max-readers", "--source",
+        "--source-user",  "--poll-ms",     "--max-platform-bytes",
+        "--slice-us",     "--trace",       "--metrics",
+        "--config",       "--check"};
     if (!withValue.count(name)) {
       if (name.rfind("-", 0) == 0) throw UsageError("unknown option '" + name + "'");
       throw UsageError("unexpected argument '" + name + "'");
@@ -156,10 +194,17 @@ DaemonOptions parseDaemonOptions(std::vector<std::string> const& args) {
       if (o.scenario) throw UsageError("--scenario given twice");
       if (value.empty()) throw UsageError("--scenario needs a file name");
       o.scenario = value;
+    } else if (name == "--config" || name == "--check") {
+      if (o.config || o.check) throw UsageError(name + ": a configuration file is given already");
+      if (value.empty()) throw UsageError(name + " needs a file name");
+      (name == "--config" ? o.config : o.check) = value;
     } else if (name == "--socket") {
       if (o.socket) throw UsageError("--socket: a socket is given already");
       if (value.empty()) throw UsageError("--socket needs a path");
       o.socket = value;
+    } else if (name == "--metrics") {
+      if (o.metrics) throw UsageError("--metrics given twice");
+      o.metrics = value;
     } else if (name == "--source") {
       SourceOption given = sourceOption(value);
       for (SourceOption const& s : o.sources) {
@@ -183,48 +228,63 @@ DaemonOptions parseDaemonOptions(std::vector<std::string> const& args) {
       }
       std::optional<uid_t> uid = Skerry::shmUserId(value.substr(eq + 1));
       if (!uid) throw UsageError("--source-user: no user '" + value.substr(eq + 1) + "'");
-      users.emplace_back(*source, *uid);
+      o.sourceUsers.emplace_back(*source, *uid);
     } else if (name == "--socket-group") {
       if (o.socketGroup) throw UsageError("--socket-group given twice");
       o.socketGroup = Skerry::shmGroupId(value);
       if (!o.socketGroup) throw UsageError("--socket-group: no group '" + value + "'");
     } else if (name == "--max-readers") {
-      o.maxReaders = number(name, value, 1, 4096);
+      o.maxReaders = optionNumber(name, value, 1, 4096);
     } else if (name == "--max-platform-bytes") {
-      o.maxPlatformBytes = number(name, value, 1, 4000000000u);
+      o.maxPlatformBytes = optionNumber(name, value, 1, 4000000000u);
     } else if (name == "--poll-ms") {
-      o.pollMs = number(name, value, 1, 10000);
+      o.pollMs = optionNumber(name, value, 1, 10000);
     } else if (name == "--slice-us") {
-      o.sliceUs = number(name, value, 10, 1000000);
+      o.sliceUs = optionNumber(name, value, 10, 1000000);
     } else if (name == "--trace") {
-      o.traceLevel = static_cast<int>(number(name, value, 0, 9));
+      o.traceLevel = static_cast<int>(optionNumber(name, value, 0, 9));
     }
   }
+  if (o.config && o.scenario) {
+    throw UsageError("--config and --scenario both give a static configuration; give one");
+  }
+  if (!o.config && !o.check) finishDaemonOptions(o);
+  return o;
+}
+
+void finishDaemonOptions(DaemonOptions& o) {
   if (o.platform && o.scenario) {
     throw UsageError("--platform and --scenario both name the platform; give one");
   }
   // A scenario brings its own sources; the default tables are for an agent without one.
-  if (o.sources.empty() && !o.scenario) {
+  if (o.sources.empty() && !o.scenario && !o.noSources) {
     for (PolicySource s :
          {PolicySource::sourceBgp, PolicySource::sourcePcep, PolicySource::sourceOther}) {
       o.sources.push_back({s, defaultTable(s), std::nullopt});
     }
   }
-  for (auto const& [source, uid] : users) {
+  std::set<PolicySource> usersGiven;
+  for (auto const& [source, uid] : o.sourceUsers) {
     auto it = std::find_if(o.sources.begin(), o.sources.end(),
                            [source = source](SourceOption const& s) { return s.source == source; });
     if (it == o.sources.end()) {
       throw UsageError(std::string("--source-user: source ") + SrTeScenario::sourceName(source) +
                        " is not read");
     }
-    if (it->user) {
+    if (!usersGiven.insert(source).second) {
       throw UsageError(std::string("--source-user: ") + SrTeScenario::sourceName(source) +
                        " given twice");
     }
     it->user = uid;
   }
   if (o.socketGroup && !o.socket) throw UsageError("--socket-group: no socket is served");
-  return o;
+  if (o.metrics) {
+    try {
+      (void)metricsEndpoint(*o.metrics);
+    } catch (std::invalid_argument const& e) {
+      throw UsageError(std::string("--metrics: ") + e.what());
+    }
+  }
 }
 
 }  // namespace SrTeDaemon

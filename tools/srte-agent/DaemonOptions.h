@@ -7,11 +7,14 @@
 
 #include <sys/types.h>
 
+#include <map>
 #include <optional>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "Scenario.h"
 #include "SrTePolicy/SrTePolicyTypes.h"
 
 namespace SrTeDaemon {
@@ -41,14 +44,32 @@ struct DaemonOptions {
   U64 maxPlatformBytes = 64u << 20;
   // When standard output fails (its reader went away): stop (true) or go on without the lines.
   bool stopOnOutputError = false;
-  // In the order given; with none given, every source on its default table srte-NAME.
+  // In the order given; with none given, every source on its default table srte-NAME (unless
+  // the configuration file's "sources" is empty: none then).
   std::vector<SourceOption> sources;
+  bool noSources = false;
   // How often tables are polled and missing tables looked for.
   U32 pollMs = 10;
   // How long a task of the pipeline runs before it yields to the event loop.
   U32 sliceUs = 5000;
   // The text trace of the pipeline up to this level on standard error; -1 for none.
   int traceLevel = -1;
+  // ADDRESS:PORT on which the metrics are served over HTTP; none for no metrics.
+  std::optional<std::string> metrics;
+  // The configuration file (--config): what the command line does not give comes from it, and
+  // SIGHUP reads it again.
+  std::optional<std::string> config;
+  // --check FILE: read and check a configuration file, then exit.
+  std::optional<std::string> check;
+  // From the configuration file: the static policies (when it has them) and the color to DSCP
+  // map (color -> DSCP values).
+  std::optional<SrTeScenario::StaticConfig> staticConfig;
+  std::map<U32, std::set<U32>> colorDscp;
+  // The settings the command line gave, by their keys in the configuration file ("pollMs",
+  // "sources", ...): the file does not change them, on start or on reload.
+  std::set<std::string> given;
+  // --source-user, applied once the sources are known.
+  std::vector<std::pair<SrTePolicy::PolicySource, uid_t>> sourceUsers;
   bool help = false;
 };
 
@@ -62,8 +83,16 @@ extern char const* const daemonUsage;
 
 // Reads the arguments (without the program name). Raises UsageError for an unknown option, a
 // missing or malformed value, a source given twice or two sources on one table, an unknown
-// user or group, a user given for a source that is not read.
+// user or group, a user given for a source that is not read. With --config or --check the
+// options are left for the configuration file to complete (see AgentConfig.h).
 DaemonOptions parseDaemonOptions(std::vector<std::string> const& args);
+// What the options still need once every setting is in: the default sources when none are
+// given, the trusted users given for the sources, the checks across settings (UsageError).
+void finishDaemonOptions(DaemonOptions& options);
+// Checks a source's table name (UsageError naming `where`).
+void checkTableName(std::string const& where, std::string const& table);
+// U32 from decimal text within [min, max] (UsageError naming `option`).
+U32 optionNumber(std::string const& option, std::string const& text, U32 min, U32 max);
 
 // "srte-bgp": the table a source writes unless told otherwise (srte-source's default too).
 std::string defaultTable(SrTePolicy::PolicySource source);

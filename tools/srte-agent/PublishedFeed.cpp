@@ -145,7 +145,12 @@ U32 PublishedFeed::flush() {
                                                                    : "bsid-route";
     log_.write(event, fields);
     ++lines;
-    if (std::string(change) == "removed") {
+    bool const removed = std::string(change) == "removed";
+    if (onWritten_) {
+      onWritten_(event, before == written_.end() ? OrderedJson() : before->second,
+                 removed ? OrderedJson() : now);
+    }
+    if (removed) {
       written_.erase(before);
     } else {
       written_[name] = std::move(now);

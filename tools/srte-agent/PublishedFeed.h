@@ -38,6 +38,11 @@ class PublishedFeed {
   bool flushPending() const { return !dirty_.empty(); }
   // Stops watching (what changes afterwards is not reported); for a host being torn down.
   void detach();
+  // Called after each line with its event ("policy", "fec", "bsid-route") and the item's state
+  // as last written and as written now (null for none).
+  using Written =
+      std::function<void(char const* event, OrderedJson const& before, OrderedJson const& after)>;
+  void onWrittenIs(Written f) { onWritten_ = std::move(f); }
 
   // The state as last written, by item ("policy 10.0.0.1 color 5", "fec srTePolicy:1",
   // "route 900"), for tests and tools.
@@ -63,6 +68,7 @@ class PublishedFeed {
   SrTePolicy::SrTePolicyAgent const& agent_;
   EventLog& log_;
   std::function<void()> flushDue_;
+  Written onWritten_;
   Mosk::Ptr<PolicyStatusReactor> statusReactor_;
   std::map<SrTePolicy::PolicyKey, Mosk::Ptr<EntryReactor>> entryReactors_;
   Mosk::Ptr<FecReactor> fecReactor_;

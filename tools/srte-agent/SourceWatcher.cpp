@@ -47,6 +47,7 @@ bool SourceWatcher::poll(U32 maxKeys) {
   if (!reader_->corrupt() && reader_->pending()) {
     try {
       result = reader_->poll(maxKeys);
+      taken_ += result.changed;
     } catch (Mosk::Exception const& e) {
       // The key that raised has been delivered; the others wait for the next poll.
       OrderedJson f = fields();
@@ -92,6 +93,7 @@ void SourceWatcher::tryAttach() {
   reader_ = reader;
   OrderedJson f = fields();
   f["candidates"] = reader_->policyInput()->policyInputEntryCount();
+  taken_ += reader_->policyInput()->policyInputEntryCount();
   log_.write("source-attached", f);
   try {
     agent_.sourceTableIs(option_.source, reader_->policyInput());
@@ -102,6 +104,18 @@ void SourceWatcher::tryAttach() {
     err["error"] = e.what();
     log_.write("error", err);
   }
+}
+
+void SourceWatcher::release() {
+  if (!reader_) return;
+  try {
+    agent_.sourceTableDel(option_.source);
+  } catch (Mosk::Exception const& e) {
+    OrderedJson err = fields();
+    err["error"] = e.what();
+    log_.write("error", err);
+  }
+  reader_ = nullptr;
 }
 
 void SourceWatcher::refuse(std::string const& reason) {
@@ -116,14 +130,7 @@ void SourceWatcher::detach(std::string const& event, std::string reason) {
   OrderedJson f = fields();
   f["reason"] = reason;
   log_.write(event, f);
-  try {
-    agent_.sourceTableDel(option_.source);
-  } catch (Mosk::Exception const& e) {
-    OrderedJson err = fields();
-    err["error"] = e.what();
-    log_.write("error", err);
-  }
-  reader_ = nullptr;
+  release();
   // The attempts to attach again meet the same fault: said once, by this line.
   if (event != "source-detached") lastRefusal_ = reason;
 }

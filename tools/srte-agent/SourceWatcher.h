@@ -40,6 +40,11 @@ class SourceWatcher {
   bool poll(U32 maxKeys = 4096);
 
   bool attached() const { return static_cast<bool>(reader_); }
+  // Candidate paths taken from the table so far (each attach's records and each change).
+  U64 changesTaken() const { return taken_; }
+  // Stops reading the source: its candidate paths leave the pipeline (the source is no longer
+  // configured).
+  void release();
   SourceOption const& option() const { return option_; }
   // The reader of the attached table; null while waiting.
   Mosk::Ptr<SrTePolicy::PolicyInputShmReader> const& reader() const { return reader_; }
@@ -62,6 +67,7 @@ class SourceWatcher {
   // Since when (on the agent's clock) the table has been too short or without a header; < 0
   // while it has not.
   double unreadySince_ = -1;
+  U64 taken_ = 0;
 };
 
 }  // namespace SrTeDaemon

@@ -5,7 +5,27 @@
 #include <csignal>
 #include <iostream>
 
+#include "AgentConfig.h"
 #include "AgentDaemon.h"
+#include "ScenarioReader.h"
+
+namespace {
+
+// --check FILE: the file and the platform it names, read and checked as a start would.
+int checkConfig(SrTeDaemon::DaemonOptions const& options) {
+  std::string const& file = *options.check;
+  try {
+    SrTeDaemon::DaemonOptions const o = SrTeDaemon::configuredOptions(options, file);
+    if (o.platform) (void)SrTeScenario::readScenarioFile(*o.platform, o.maxPlatformBytes);
+    std::cout << "srte-agent: " << file << ": good: " << SrTeDaemon::configSummary(o) << "\n";
+    return 0;
+  } catch (SrTeScenario::ScenarioError const& e) {
+    std::cerr << "srte-agent: " << e.what() << "\n";
+    return 2;
+  }
+}
+
+}  // namespace
 
 int main(int argc, char** argv) {
   using namespace SrTeDaemon;
@@ -23,6 +43,7 @@ int main(int argc, char** argv) {
     std::cout << daemonUsage;
     return 0;
   }
+  if (options.check) return checkConfig(options);
   try {
     boost::asio::io_context io;
     AgentDaemon daemon(io, std::move(options), std::cout);
