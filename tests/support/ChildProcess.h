@@ -14,6 +14,7 @@
 #include <chrono>
 #include <cstdio>
 #include <fstream>
+#include <functional>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -102,9 +103,12 @@ struct Outcome {
   std::string out, err;
 };
 
-// Runs `program` to its end, or kills it after `timeout`.
+// Runs `program` to its end, or kills it after `timeout`. `meanwhile`, when given, is called
+// every 20 ms while the program runs: a test that reads another child's output must go on
+// reading, or that child blocks on a full pipe and the program waiting for it with it.
 inline Outcome runProgram(char const* program, std::vector<std::string> args,
-                          milliseconds timeout = std::chrono::seconds(20)) {
+                          milliseconds timeout = std::chrono::seconds(20),
+                          std::function<void()> const& meanwhile = {}) {
   static int runs = 0;
   std::string const base =
       "/tmp/srte-run-" + std::to_string(::getpid()) + "-" + std::to_string(++runs);
@@ -113,7 +117,16 @@ inline Outcome runProgram(char const* program, std::vector<std::string> args,
   pid_t pid = spawn(program, std::move(args), out, err);
   ::close(out);
   ::close(err);
-  if (!awaitEnd(pid, timeout)) ::kill(pid, SIGKILL);
+  bool ended = false;
+  if (meanwhile) {
+    for (auto const end = std::chrono::steady_clock::now() + timeout;
+         !(ended = awaitEnd(pid, milliseconds(20))) && std::chrono::steady_clock::now() < end;) {
+      meanwhile();
+    }
+  } else {
+    ended = awaitEnd(pid, timeout);
+  }
+  if (!ended) ::kill(pid, SIGKILL);
   Outcome o{reap(pid), slurp(base + ".out"), slurp(base + ".err")};
   std::remove((base + ".out").c_str());
   std::remove((base + ".err").c_str());
