@@ -30,6 +30,11 @@ void SegmentLifeTimeNotifiee::handleInsert(Mosk::Ptr<Vell::DedupHandle> const& h
   segment->segmentIdIs(collection_->uniqueId());
   Mosk::Ptr<SegmentLifeTimeNotifier const> notifier(new SegmentLifeTimeNotifier(handle));
   segment->segmentLifeTimeNotifierIs(notifier.ptr());
+  // Indexed before the collection tells its reactors, which may look the label up.
+  if (segment->type() == SegmentType::segMplsLabel) {
+    auto const* labelled = static_cast<SegmentMplsLabel const*>(segment);
+    byLabel_.set(labelled->label().value(), labelled);
+  }
   collection_->segmentNotifierIs(notifier, true);
 }
 
@@ -38,6 +43,8 @@ void SegmentLifeTimeNotifiee::handleRemove(Vell::DedupHandle* handle) const {
   auto* segment = static_cast<SegmentBase*>(handle);
   Mosk::Ptr<SegmentLifeTimeNotifier const> lifeTimeNotifier(segment->segmentLifeTimeNotifier());
   MOSK_ASSERT_MSG(nullptr != lifeTimeNotifier, "__null != lifeTimeNotifier");
+  if (segment->type() == SegmentType::segMplsLabel)
+    byLabel_.erase(static_cast<SegmentMplsLabel const*>(segment)->label().value());
   collection_->segmentNotifierDel(lifeTimeNotifier);
   segment->segmentLifeTimeNotifierIs(nullptr);
 }
@@ -54,6 +61,8 @@ void SegmentDedupTable::handleInitialized() {
 }
 
 Mosk::Ptr<SegmentMplsLabel const> SegmentDedupTable::lookupByLabel(Ludd::MplsLabel label) const {
+  if (notifiee_->indexes(*dedupTable_))
+    return Mosk::Ptr<SegmentMplsLabel const>(notifiee_->segmentByLabel(label));
   SegmentMplsLabel probe(SegmentType::segMplsLabel, label);
   return Mosk::ptrCast<SegmentMplsLabel const>(dedupTable_->lookup(probe));
 }

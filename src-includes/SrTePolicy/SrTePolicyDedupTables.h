@@ -11,6 +11,7 @@
 
 #include <ostream>
 
+#include "Mosk/HashMap.h"
 #include "SrTePolicy/SrTePolicyCoreDedupTable.h"
 
 namespace SrTePolicy {
@@ -25,8 +26,25 @@ class SegmentLifeTimeNotifiee : public Vell::DedupHashTableLifeTimeNotifiee {
   void handleRemove(Vell::DedupHandle* handle) const override;
   void handleNotificationStop(Vell::DedupHashTable* table) const override;
 
+  // The label index: every label segment this notifiee has heard inserted and not yet removed,
+  // by label. It answers a lookup by label with one probe of a small key, where the table
+  // would hash a stack segment byte by byte.
+  SegmentMplsLabel const* segmentByLabel(Ludd::MplsLabel label) const {
+    SegmentMplsLabel const* const* found = byLabel_.find(label.value());
+    return found ? *found : nullptr;
+  }
+  // Whether the index holds exactly the entries of `table`. It holds only entries of the
+  // table it is registered with, each from the moment it is reported inserted until it is
+  // reported leaving; so it is exact when this notifiee is the table's and the sizes agree.
+  // They differ for a moment while an entry is being linked or unlinked, and while the table
+  // announces its entries to a newly registered notifiee.
+  bool indexes(Vell::DedupHashTable const& table) const {
+    return table.lifeTimeNotifiee().ptr() == this && byLabel_.size() == table.size();
+  }
+
  private:
   Mosk::Ptr<NotifyingSegmentCollection> const collection_;
+  mutable Mosk::HashMap<U32, SegmentMplsLabel const*> byLabel_;
 };
 
 class SegmentDedupTable : public Mosk::PtrInterface {
@@ -36,7 +54,8 @@ class SegmentDedupTable : public Mosk::PtrInterface {
   // Creates the hash table and registers the notifiee with it.
   void handleInitialized();
   Mosk::Ptr<Vell::DedupHashTable> const& dedupTable() const { return dedupTable_; }
-  // The live segment of this label, or null; never inserts.
+  // The live segment of this label, or null; never inserts. Answered from the notifiee's label
+  // index while it mirrors the table, by probing the table otherwise.
   Mosk::Ptr<SegmentMplsLabel const> lookupByLabel(Ludd::MplsLabel label) const;
 
  private:
