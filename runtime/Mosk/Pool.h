@@ -109,5 +109,22 @@ inline void giveBack(void* p, std::size_t size) noexcept {
   }
 }
 
+// A standard allocator over the pools, for the few value containers that every element of a
+// large table owns (a tunnel entry's vias): their blocks come from the size classes as the
+// counted objects' do, without malloc's cost and header.
+template <class T>
+struct Allocator {
+  using value_type = T;
+  Allocator() = default;
+  template <class U>
+  Allocator(Allocator<U> const&) noexcept {}
+  T* allocate(std::size_t n) { return static_cast<T*>(take(n * sizeof(T))); }
+  void deallocate(T* p, std::size_t n) noexcept { giveBack(p, n * sizeof(T)); }
+  template <class U>
+  bool operator==(Allocator<U> const&) const noexcept {
+    return true;
+  }
+};
+
 }  // namespace Pool
 }  // namespace Mosk

@@ -3,12 +3,14 @@
 //
 // The vias are a sorted vector without duplicates: an entry has a handful of vias, and a
 // sorted set makes equality and the printed order independent of the order of insertion. Any
-// change to an entry invalidates its iterators.
+// change to an entry invalidates its iterators. The vias' block comes from the runtime's pools:
+// a table of hundreds of thousands of tunnels holds as many via blocks.
 #pragma once
 
 #include <ostream>
 #include <vector>
 
+#include "Mosk/Pool.h"
 #include "Tunnel/MplsVia.h"
 
 namespace Tunnel::TunnelTable {
@@ -29,9 +31,10 @@ class SrTeSegmentListTunnelTableEntry {
   void viaReserve(U32 count) { via_.reserve(count); }
   bool hasVia(MplsVia const& via) const;
   U32 viaCount() const { return static_cast<U32>(via_.size()); }
+  using Vias = std::vector<MplsVia, Mosk::Pool::Allocator<MplsVia>>;
   // In MplsVia order.
-  std::vector<MplsVia>::const_iterator begin() const { return via_.begin(); }
-  std::vector<MplsVia>::const_iterator end() const { return via_.end(); }
+  Vias::const_iterator begin() const { return via_.begin(); }
+  Vias::const_iterator end() const { return via_.end(); }
 
   bool operator==(SrTeSegmentListTunnelTableEntry const&) const = default;
   U32 hash() const;
@@ -46,7 +49,7 @@ class SrTeSegmentListTunnelTableEntry {
 
  private:
   TunnelId tunnelId_;
-  std::vector<MplsVia> via_;  // sorted, no duplicates
+  Vias via_;  // sorted, no duplicates
 };
 
 std::ostream& operator<<(std::ostream& os, SrTeSegmentListTunnelTableEntry const& entry);
