@@ -6,6 +6,7 @@
 #include <map>
 #include <random>
 #include <sstream>
+#include <vector>
 
 #include "SegmentStore.h"
 
@@ -64,23 +65,20 @@ TEST_F(SegmentStore, LookupByLabelNeverInserts) {
 
 // A lookup by label is answered from the lifetime notifiee's label index while the index mirrors
 // the table. Catches: an index that keeps a segment after it left the table, misses one that
-// entered, or still answers after its notifiee stopped hearing from the table (another
-// notifiee registered, notification stopped, table torn down), and a reactor of the
-// collection that looks a label up while an insert or removal is being reported and is told
-// something the table does not hold.
+// entered, or answers for a table it no longer hears from (another notifiee registered, none,
+// the table torn down); a reactor told, in the middle of a report, something the table does not
+// hold; an index that never serves a lookup.
 TEST_F(SegmentStore, LookupByLabelAgreesWithTheTableThroughEveryChange) {
-  constexpr U32 kLabels = 24;
   SegmentDedupTable const& store = *tables->segDedupTablePtr();
   Vell::DedupHashTable& table = *store.dedupTable();
   Ptr<SegmentLifeTimeNotifiee> ours = tables->segLifeTimeNotifiee();
-  auto inTable = [&](U32 label) {
-    SegmentMplsLabel probe(SegmentType::segMplsLabel, MplsLabel(label));
-    return static_cast<Vell::DedupHandle const*>(table.lookup(probe).ptr());
-  };
+  auto other = Ptr<SegmentLifeTimeNotifiee>(
+      new SegmentLifeTimeNotifiee(notifyingSegmentCollectionFactory("other")));
   auto agree = [&](std::string const& step) {
-    for (U32 label = 0; label < kLabels; ++label) {
-      EXPECT_EQ(store.lookupByLabel(MplsLabel(label)).ptr(), inTable(label))
-          << step << ", label " << label;
+    for (U32 label = 0; label < 24; ++label) {
+      SegmentMplsLabel probe(SegmentType::segMplsLabel, MplsLabel(label));
+      Vell::DedupHandle const* fromIndex = store.lookupByLabel(MplsLabel(label)).ptr();
+      EXPECT_EQ(fromIndex, table.lookup(probe).ptr()) << step << ", label " << label;
     }
   };
   struct Watcher : NotifyingSegmentCollection::NotifieeConst {
@@ -93,40 +91,26 @@ TEST_F(SegmentStore, LookupByLabelAgreesWithTheTableThroughEveryChange) {
 
   std::map<U32, Ptr<SegmentMplsLabel>> held;
   std::mt19937 rng(7);
-  auto churn = [&](std::string const& phase, int steps) {
-    for (int i = 0; i < steps; ++i) {
-      U32 label = rng() % kLabels;
+  // Each phase registers a notifiee (or none), then inserts and releases segments at random.
+  for (auto const& [phase, notifiee] :
+       std::vector<std::pair<char const*, Ptr<SegmentLifeTimeNotifiee>>>{
+           {"registered", ours},
+           {"another registered", other},
+           {"registered again", ours},
+           {"none registered", nullptr},
+           {"registered once more", ours}}) {
+    table.lifeTimeNotifieeIs(notifiee);
+    for (int i = 0; i < 80; ++i) {
+      U32 label = rng() % 24;
       if (held.erase(label) == 0) held[label] = segment(label);
       agree(phase);
     }
-  };
-  churn("registered", 200);
-  EXPECT_TRUE(ours->indexes(table)) << "the index must serve lookups, not only the table";
-
-  auto other = Ptr<SegmentLifeTimeNotifiee>(
-      new SegmentLifeTimeNotifiee(notifyingSegmentCollectionFactory("other")));
-  table.lifeTimeNotifieeIs(other);
-  EXPECT_FALSE(ours->indexes(table));
-  EXPECT_TRUE(other->indexes(table));
-  agree("another notifiee registered");
-  churn("another notifiee registered", 50);
-
-  table.lifeTimeNotifieeIs(ours);  // hears every entry again
-  EXPECT_TRUE(ours->indexes(table));
-  EXPECT_FALSE(other->indexes(table));
-  churn("registered again", 50);
-
-  table.lifeTimeNotifieeIs(nullptr);
-  EXPECT_FALSE(ours->indexes(table));
-  churn("no notifiee", 50);
-
-  table.lifeTimeNotifieeIs(ours);
-  churn("registered once more", 50);
+    EXPECT_EQ(ours->indexes(table), notifiee == ours) << phase;
+  }
   ASSERT_FALSE(held.empty());
-  Ptr<SegmentMplsLabel> survivor = held.begin()->second;
   watcher->notifierIs(nullptr);
   tables = nullptr;  // the table is torn down; its entries live on outside it
-  EXPECT_EQ(ours->segmentByLabel(survivor->label()), nullptr);
+  EXPECT_EQ(ours->segmentByLabel(held.begin()->second->label()), nullptr);
 }
 
 TEST_F(SegmentStore, SegmentHashIsOneAtATimeOverTypeThenLabel) {
