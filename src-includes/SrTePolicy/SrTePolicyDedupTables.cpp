@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "Flicker/Flicker.h"
+#include "SrTePolicy/SrTePolicyTrace.h"
 
 namespace SrTePolicy {
 
@@ -22,7 +23,7 @@ std::string pad(int indent) {
 // Segments
 
 void SegmentLifeTimeNotifiee::handleInsert(Mosk::Ptr<Vell::DedupHandle> const& handle) const {
-  SRTE_TRACE(segmentTrace, 8, "handleInsert");
+  SRTE_TRACE(segmentTrace, TraceLevel::lifetime, "handleInsert");
   auto* segment = static_cast<SegmentBase*>(handle.ptr());
   MOSK_ASSERT_MSG(nullptr == segment->segmentLifeTimeNotifier(),
                   "__null == segment->segmentLifeTimeNotifier()");
@@ -39,7 +40,7 @@ void SegmentLifeTimeNotifiee::handleInsert(Mosk::Ptr<Vell::DedupHandle> const& h
 }
 
 void SegmentLifeTimeNotifiee::handleRemove(Vell::DedupHandle* handle) const {
-  SRTE_TRACE(segmentTrace, 8, "handleRemove");
+  SRTE_TRACE(segmentTrace, TraceLevel::lifetime, "handleRemove");
   auto* segment = static_cast<SegmentBase*>(handle);
   Mosk::Ptr<SegmentLifeTimeNotifier const> lifeTimeNotifier(segment->segmentLifeTimeNotifier());
   MOSK_ASSERT_MSG(nullptr != lifeTimeNotifier, "__null != lifeTimeNotifier");
@@ -70,7 +71,7 @@ Mosk::Ptr<SegmentMplsLabel const> SegmentDedupTable::lookupByLabel(Ludd::MplsLab
 // Segment lists
 
 void SegmentListLifeTimeNotifiee::handleInsert(Mosk::Ptr<Vell::DedupHandle> const& handle) const {
-  SRTE_TRACE(segmentListTrace, 8, "handleInsert");
+  SRTE_TRACE(segmentListTrace, TraceLevel::lifetime, "handleInsert");
   auto* list = static_cast<SegmentList*>(handle.ptr());
   MOSK_ASSERT_MSG(nullptr == list->segmentListLifeTimeNotifier(),
                   "__null == segmentList->segmentListLifeTimeNotifier()");
@@ -82,7 +83,7 @@ void SegmentListLifeTimeNotifiee::handleInsert(Mosk::Ptr<Vell::DedupHandle> cons
 }
 
 void SegmentListLifeTimeNotifiee::handleRemove(Vell::DedupHandle* handle) const {
-  SRTE_TRACE(segmentListTrace, 8, "handleRemove");
+  SRTE_TRACE(segmentListTrace, TraceLevel::lifetime, "handleRemove");
   auto* list = static_cast<SegmentList*>(handle);
   Mosk::Ptr<SegmentListLifeTimeNotifier const> lifeTimeNotifier(
       list->segmentListLifeTimeNotifier());

@@ -103,15 +103,9 @@ class CoreDedupTables : public Mosk::Entity {
   Mosk::Ptr<NotifyingSegmentCollection> const& notifyingSegmentCollection() const {
     return notifyingSegmentCollection_;
   }
-  Mosk::Ptr<SegmentLifeTimeNotifiee> const& segLifeTimeNotifiee() const {
-    return segLifeTimeNotifiee_;
-  }
   Mosk::Ptr<SegmentDedupTable> const& segDedupTablePtr() const { return segDedupTablePtr_; }
   Mosk::Ptr<NotifyingSegmentListCollection> const& notifyingSegmentListCollection() const {
     return notifyingSegmentListCollection_;
-  }
-  Mosk::Ptr<SegmentListLifeTimeNotifiee> const& segListLifeTimeNotifiee() const {
-    return segListLifeTimeNotifiee_;
   }
   Mosk::Ptr<SegmentListDedupTable> const& segListDedupTablePtr() const {
     return segListDedupTablePtr_;

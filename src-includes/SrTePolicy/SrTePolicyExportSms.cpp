@@ -4,6 +4,7 @@
 #include "Mosk/Reflection.h"
 
 #include "Flicker/Flicker.h"
+#include "SrTePolicy/SrTePolicyTrace.h"
 
 namespace SrTePolicy {
 
@@ -27,10 +28,9 @@ Ludd::MplsLabel exportedLabel(SegmentBase const* segment) {
 SegmentListExportSm::SegmentListExportSm(
     Mosk::Ptr<NotifyingSegmentListCollection const> slNotifier,
     Mosk::Ptr<Export::SegmentListCollection> exportedSegmentListColl)
-    : slNotifier_(std::move(slNotifier)),
-      exportedSegmentListColl_(std::move(exportedSegmentListColl)) {
-  Mosk::validPtr(slNotifier_);
-  Mosk::validPtr(exportedSegmentListColl_);
+    : slNotifier_(required(std::move(slNotifier), "SegmentListExportSm", "slNotifier")),
+      exportedSegmentListColl_(required(std::move(exportedSegmentListColl), "SegmentListExportSm",
+                                        "exportedSegmentListColl")) {
   handleInitialized();
 }
 
@@ -39,7 +39,7 @@ SegmentListExportSm::~SegmentListExportSm() {
 }
 
 void SegmentListExportSm::handleInitialized() {
-  SRTE_TRACE(traceHandle, 9, "handleInitialized");
+  SRTE_TRACE(traceHandle, TraceLevel::detail, "handleInitialized");
   initialized_ = true;
   exportedSegmentListColl_->segmentListDelAll();
   if (!segmentListReactor_) segmentListReactor_ = new SegmentListReactor(this);
@@ -48,7 +48,7 @@ void SegmentListExportSm::handleInitialized() {
 }
 
 void SegmentListExportSm::handleSegmentList() {
-  SRTE_TRACE(traceHandle, 9, "handleSegmentList");
+  SRTE_TRACE(traceHandle, TraceLevel::detail, "handleSegmentList");
   for (auto c = slNotifier_->segmentListNotifierIter(); c; ++c) {
     handleSegmentList(c.key());
   }
@@ -60,9 +60,9 @@ void SegmentListExportSm::handleSegmentList(
   // Raw access only: a list that is leaving the store may not be referenced again.
   SegmentList const* list = notifier->segmentListRawPtr();
   SegmentListId const slId = list->segmentListId();
-  SRTE_TRACE(traceHandle, 9, "handleSegmentList for slId: " << slId);
+  SRTE_TRACE(traceHandle, TraceLevel::detail, "handleSegmentList for slId: " << slId);
   if (!slNotifier_->segmentListNotifier(notifier)) {
-    SRTE_TRACE(traceHandle, 9, "Deleting segmentList");
+    SRTE_TRACE(traceHandle, TraceLevel::detail, "Deleting segmentList");
     exportedSegmentListColl_->segmentListDel(slId);
     return;
   }
@@ -77,7 +77,7 @@ void SegmentListExportSm::handleSegmentList(
 
 void SegmentListExportSm::handleDel() {
   if (!initialized_) return;
-  SRTE_TRACE(traceHandle, 9, "handleDel");
+  SRTE_TRACE(traceHandle, TraceLevel::detail, "handleDel");
   initialized_ = false;
   exportedSegmentListColl_->segmentListDelAll();
 }

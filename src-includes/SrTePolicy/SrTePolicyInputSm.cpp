@@ -8,12 +8,14 @@
 #include <boost/container/small_vector.hpp>
 
 #include "Flicker/Flicker.h"
+#include "SrTePolicy/SrTePolicyTrace.h"
 
 namespace SrTePolicy {
 
 namespace {
 
 Flicker::TraceHandle inputSmTrace("SrTePolicyInputSm");
+constexpr char kName[] = "PolicyInputSm";
 
 // The source's record of `policyId`, copied out of its table; nothing when the source, its
 // table or the record is missing. The source is the one the id's top two bits name.
@@ -62,14 +64,6 @@ bool sameSegmentLists(PolicyIdEntry const& entry, PolicyInputEntry const& record
   return std::all_of(held.begin(), held.end(), [](Held const& h) { return h.named; });
 }
 
-// The two halves of an address's sixteen bytes, for the binary trace.
-U64 addressHalf(EndPoint const& endpoint, U32 half) {
-  U64 out = 0;
-  for (U32 i = 0; i < 8; ++i)
-    out = out << 8 | endpoint.bytes()[half * 8 + i];
-  return out;
-}
-
 }  // namespace
 
 // Reactors
@@ -102,11 +96,14 @@ PolicyInputSm::PolicyInputSm(Mosk::Ptr<PolicyInputSource const> input,
                              Mosk::Ptr<SegmentIdToSegmentList> segmentIdToSegmentList,
                              Mosk::Ptr<PolicyKeyToIdMap> policyKeyToIdMap)
     : input_(std::move(input)),
-      policySelectionInput_(std::move(policySelectionInput)),
-      coreDedupTables_(std::move(coreDedupTables)),
-      segmentListIdToPolicyMap_(std::move(segmentListIdToPolicyMap)),
-      segmentIdToSegmentList_(std::move(segmentIdToSegmentList)),
-      policyKeyToIdMap_(std::move(policyKeyToIdMap)) {
+      policySelectionInput_(
+          required(std::move(policySelectionInput), kName, "policySelectionInput")),
+      coreDedupTables_(required(std::move(coreDedupTables), kName, "coreDedupTables")),
+      segmentListIdToPolicyMap_(
+          required(std::move(segmentListIdToPolicyMap), kName, "segmentListIdToPolicyMap")),
+      segmentIdToSegmentList_(
+          required(std::move(segmentIdToSegmentList), kName, "segmentIdToSegmentList")),
+      policyKeyToIdMap_(required(std::move(policyKeyToIdMap), kName, "policyKeyToIdMap")) {
   if (input_) {
     inputReactor_ = Mosk::Ptr<MoskInput>(new MoskInput(this));
     inputReactor_->notifierIs(input_);
@@ -137,7 +134,7 @@ void PolicyInputSm::handleDel() {
 
 void PolicyInputSm::handleSource() {
   if (!initialized_) return;
-  SRTE_TRACE(inputSmTrace, 9, "Source change: add new policies");
+  SRTE_TRACE(inputSmTrace, TraceLevel::detail, "Source change: add new policies");
   if (input_) {
     for (auto source = input_->policyInputIter(); source; ++source) {
       // Held, so that the table outlives its walk whatever the handlers below do.
@@ -147,7 +144,7 @@ void PolicyInputSm::handleSource() {
         handlePolicyEntryInPass(key.key());
     }
   }
-  SRTE_TRACE(inputSmTrace, 9, "Source change: cleanup of stale policies");
+  SRTE_TRACE(inputSmTrace, TraceLevel::detail, "Source change: cleanup of stale policies");
   // The cursor holds the entry under it, and finds its place again after that entry is gone.
   for (auto entry = policySelectionInput_->policyIdEntryIter(); entry; ++entry) {
     U32 id = static_cast<U32>(entry->source()) << 30 | (entry->id() & PolicyId::indexMask);
@@ -162,7 +159,8 @@ void PolicyInputSm::handlePolicyEntryInPass(PolicyId const& policyId) {
   try {
     handlePolicyEntry(policyId);
   } catch (Mosk::Exception const& e) {
-    SRTE_TRACE(inputSmTrace, 4, "Policy Entry: " << policyId << " refused: " << e.what());
+    SRTE_TRACE(inputSmTrace, TraceLevel::skip,
+               "Policy Entry: " << policyId << " refused: " << e.what());
   }
 }
 
@@ -170,20 +168,19 @@ void PolicyInputSm::handlePolicyEntryInPass(PolicyId const& policyId) {
 
 void PolicyInputSm::handlePolicyEntry(PolicyId const& policyId) {
   if (!initialized_) return;
-  SRTE_TRACE(inputSmTrace, 6, "Policy Entry: " << policyId << " has changed");
+  SRTE_TRACE(inputSmTrace, TraceLevel::event, "Policy Entry: " << policyId << " has changed");
   std::optional<PolicyInputEntry> const record = readInputEntry(input_.ptr(), policyId);
   if (!record) {
     removePolicyEntry(policyId);
     return;
   }
-  SRTE_TRACE2(inputSmTrace, 6,
+  SRTE_TRACE2(inputSmTrace, TraceLevel::event,
               "Policy Id: " << policyId << " Endpoint: " << record->endpoint()
                             << " Color: " << record->color()
                             << " Preference: " << record->preference() << " will be added/updated",
-              "Policy Id: " << policyId
-                            << " Endpoint family: " << static_cast<U32>(record->endpoint().family())
-                            << " address: " << addressHalf(record->endpoint(), 0) << ":"
-                            << addressHalf(record->endpoint(), 1) << " Color: " << record->color()
+              "Policy Id: " << policyId << " Endpoint: " << endpointWord(record->endpoint(), 0)
+                            << ":" << endpointWord(record->endpoint(), 1)
+                            << " Color: " << record->color()
                             << " Preference: " << record->preference() << " will be added/updated");
 
   PolicyKey const key(record->endpoint(), record->color());
@@ -213,7 +210,7 @@ void PolicyInputSm::handlePolicyEntry(PolicyId const& policyId) {
 }
 
 void PolicyInputSm::removePolicyEntry(PolicyId const& policyId) {
-  SRTE_TRACE(inputSmTrace, 6, "Policy Id " << policyId << " will be removed");
+  SRTE_TRACE(inputSmTrace, TraceLevel::event, "Policy Id " << policyId << " will be removed");
   Mosk::Ptr<PolicyIdEntry> entry = policySelectionInput_->policyIdEntry(policyId.value());
   if (!entry) return;
   for (auto c = entry->wSegmentListIter(); c; ++c)
@@ -227,7 +224,8 @@ void PolicyInputSm::removePolicyEntry(PolicyId const& policyId) {
 
 Mosk::Ptr<SegmentList> PolicyInputSm::createDedupSegmentList(
     Ludd::MplsLabelOperation const& labelStack) {
-  SRTE_TRACE2(inputSmTrace, 9, "Creating dedup segmentList for label stack: " << labelStack,
+  SRTE_TRACE2(inputSmTrace, TraceLevel::detail,
+              "Creating dedup segmentList for label stack: " << labelStack,
               "Creating dedup segmentList for label stack: "
                   << labelStack.label(0U) << " " << labelStack.label(1U) << " "
                   << labelStack.label(2U) << " " << labelStack.label(3U) << " "
@@ -255,7 +253,7 @@ Mosk::Ptr<SegmentList> PolicyInputSm::createDedupSegmentList(
 
 void PolicyInputSm::registerSegmentListForPolicy(Mosk::Ptr<SegmentList const> const& segList,
                                                  PolicyId const& policyId) {
-  SRTE_TRACE(inputSmTrace, 9,
+  SRTE_TRACE(inputSmTrace, TraceLevel::detail,
              "Registration of SegmentList Id: " << segList->segmentListId()
                                                 << " for Policy Id: " << policyId);
   Mosk::Ptr<SegmentListUser> user =
@@ -269,7 +267,7 @@ void PolicyInputSm::registerSegmentListForPolicy(Mosk::Ptr<SegmentList const> co
 
 void PolicyInputSm::deregisterSegmentListForPolicy(SegmentListId const& segmentListId,
                                                    PolicyId const& policyId) {
-  SRTE_TRACE(inputSmTrace, 9,
+  SRTE_TRACE(inputSmTrace, TraceLevel::detail,
              "Removing registration of SegmentList Id: " << segmentListId
                                                          << " for Policy Id: " << policyId);
   Mosk::Ptr<SegmentListUser> user = segmentListIdToPolicyMap_->segmentListUser(segmentListId);
@@ -285,7 +283,7 @@ void PolicyInputSm::deregisterSegmentListForPolicy(SegmentListId const& segmentL
 
 void PolicyInputSm::registerSegmentIdForSegmentList(SegmentId const& segmentId,
                                                     Mosk::Ptr<SegmentList const> const& segList) {
-  SRTE_TRACE(inputSmTrace, 9,
+  SRTE_TRACE(inputSmTrace, TraceLevel::detail,
              "Registering Segment Id: " << segmentId
                                         << " for segmentList Id: " << segList->segmentListId());
   Mosk::Ptr<SegmentListCollection> segListCol = segmentIdToSegmentList_->segmentList(segmentId);
@@ -299,7 +297,7 @@ void PolicyInputSm::registerSegmentIdForSegmentList(SegmentId const& segmentId,
 
 void PolicyInputSm::deregisterSegmentIdForSegmentList(SegmentId const& segmentId,
                                                       Mosk::Ptr<SegmentList const> const& segList) {
-  SRTE_TRACE2(inputSmTrace, 9,
+  SRTE_TRACE2(inputSmTrace, TraceLevel::detail,
               "Removing registration of Segment Id: " << segmentId << " from segmentList Id: "
                                                       << segList->segmentListId(),
               "Removing registering Segment Id: " << segmentId << " from segmentList Id: "

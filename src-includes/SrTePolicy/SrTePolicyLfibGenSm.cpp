@@ -4,20 +4,18 @@
 #include "Mosk/Reflection.h"
 
 #include "Flicker/Flicker.h"
+#include "SrTePolicy/SrTePolicyTrace.h"
 
 namespace SrTePolicy {
 
 namespace {
 
 Flicker::TraceHandle traceHandle("SrTePolicyLfibGenSm");
+constexpr char kName[] = "SrTePolicyLfibGenSm";
 
 // Binding-SID routes are keyed by the label and this second key field.
 Mpls::LFib::Source const kRouteKeySource(1);
 Mpls::LFib::Source const kLfibSource(SrTePolicyLfibGenSm::lfibSource);
-
-U64 endpointWord(EndPoint const& endpoint) {
-  return endpoint.isIpv4() ? endpoint.v4().toU32() : endpoint.hash();
-}
 
 // The adjacency index behind the route installed now under `bindingSid`: whichever policy's
 // entry was installed last under that label (0 when there is no route).
@@ -40,12 +38,10 @@ Mpls::Status& lfibOf(SrTePolicyLfibStatus& holder) {
 SrTePolicyLfibGenSm::SrTePolicyLfibGenSm(Mosk::Ptr<PolicyStatus const> policyStatus,
                                          Mosk::Ptr<SrTePolicyLfibStatus> lfibStatus,
                                          Mosk::Ptr<MplsHelper::LfibGenAdjIdxAllocator> adjIdxAlloc)
-    : policyStatus_(std::move(policyStatus)),
-      lfibStatus_(std::move(lfibStatus)),
-      adjIdxAlloc_(std::move(adjIdxAlloc)) {
-  Mosk::validPtr(policyStatus_);
-  Mosk::validPtr(adjIdxAlloc_);
-  lfibOf(Mosk::validPtr(lfibStatus_));
+    : policyStatus_(required(std::move(policyStatus), kName, "policyStatus")),
+      lfibStatus_(required(std::move(lfibStatus), kName, "lfibStatus")),
+      adjIdxAlloc_(required(std::move(adjIdxAlloc), kName, "adjIdxAlloc")) {
+  lfibOf(*lfibStatus_);
   handleInitialized();
 }
 
@@ -64,7 +60,7 @@ void SrTePolicyLfibGenSm::handleInitialized() {
   lfib.lfibRouteDelAll();
   lfib.lfibExtFecAdjacencyDelAll();
   initialized_ = true;
-  SRTE_TRACE(traceHandle, 9, "SrTePolicyLfibGenSm initialized");
+  SRTE_TRACE(traceHandle, TraceLevel::detail, "SrTePolicyLfibGenSm initialized");
   if (!policyStatusReactor_) policyStatusReactor_ = new PolicyStatusReactor(this);
   policyStatusReactor_->notifierIs(policyStatus_);
   for (auto c = policyStatus_->statusIterConst(); c; ++c) {
@@ -75,8 +71,10 @@ void SrTePolicyLfibGenSm::handleInitialized() {
 
 void SrTePolicyLfibGenSm::handlePolicy(PolicyKey const& key) {
   if (!initialized_) return;
-  SRTE_TRACE2(traceHandle, 9, "Policy: Endpoint: " << key.endpoint() << " Color: " << key.color(),
-              "Policy: Endpoint: " << endpointWord(key.endpoint()) << " Color: " << key.color());
+  SRTE_TRACE2(traceHandle, TraceLevel::detail,
+              "Policy: Endpoint: " << key.endpoint() << " Color: " << key.color(),
+              "Policy: Endpoint: " << endpointWord(key.endpoint(), 0) << ":"
+                                   << endpointWord(key.endpoint(), 1) << " Color: " << key.color());
   Mosk::Ptr<PolicyStatusEntry const> const entry = policyStatus_->status(key);
   bool const qualifies = entry && entry->weightedViaSet() &&
                          entry->weightedViaSet()->weightedViaCount() > 0 &&
@@ -87,13 +85,13 @@ void SrTePolicyLfibGenSm::handlePolicy(PolicyKey const& key) {
     if (installed != nullptr) {
       Ludd::MplsLabel const old = *installed;
       U64 const oldAdj = installedAdjacency(lfib, old);
-      SRTE_TRACE2(traceHandle, 5,
+      SRTE_TRACE2(traceHandle, TraceLevel::lfibEntry,
                   "Removing the LFIB entry for policy Endpoint: " << key.endpoint() << " Color: "
                                                                   << key.color() << " BSID: " << old
                                                                   << " Adj ID: " << oldAdj,
                   "Removing the LFIB entry for policy Endpoint: "
-                      << endpointWord(key.endpoint()) << " Color: " << key.color()
-                      << " BSID: " << old << " Adj ID: " << oldAdj);
+                      << endpointWord(key.endpoint(), 0) << ":" << endpointWord(key.endpoint(), 1)
+                      << " Color: " << key.color() << " BSID: " << old << " Adj ID: " << oldAdj);
       removeLfibEntry(lfib, old, oldAdj);
     }
     Ludd::MplsLabel const bindingSid = entry->bindingSid();
@@ -103,13 +101,13 @@ void SrTePolicyLfibGenSm::handlePolicy(PolicyKey const& key) {
                                        Mpls::AdjacencyKey(adj, Mpls::AdjacencyKind::extFec),
                                        Mpls::LFib::RouteType(), kLfibSource, routeMetric_,
                                        Ludd::IpGenPrefix()));
-    SRTE_TRACE2(traceHandle, 5,
+    SRTE_TRACE2(traceHandle, TraceLevel::lfibEntry,
                 "Added the LFIB entry for policy Endpoint: "
                     << key.endpoint() << " Color: " << key.color() << " BSID: " << bindingSid
                     << " Adj ID: " << adj,
                 "Added the LFIB entry for policy Endpoint: "
-                    << endpointWord(key.endpoint()) << " Color: " << key.color()
-                    << " BSID: " << bindingSid << " Adj ID: " << adj);
+                    << endpointWord(key.endpoint(), 0) << ":" << endpointWord(key.endpoint(), 1)
+                    << " Color: " << key.color() << " BSID: " << bindingSid << " Adj ID: " << adj);
     policyKeyBindingSidMap_.set(key, bindingSid);
     return;
   }
@@ -119,7 +117,7 @@ void SrTePolicyLfibGenSm::handlePolicy(PolicyKey const& key) {
   U64 const oldAdj = installedAdjacency(lfib, old);
   removeLfibEntry(lfib, old, oldAdj);
   policyKeyBindingSidMap_.erase(key);
-  SRTE_TRACE(traceHandle, 5,
+  SRTE_TRACE(traceHandle, TraceLevel::lfibEntry,
              "Policy deleted, Delete LFIB for BSID: " << old << ", release adjId " << oldAdj);
 }
 
@@ -132,7 +130,7 @@ void SrTePolicyLfibGenSm::removeLfibEntry(Mpls::Status& lfib, Ludd::MplsLabel bi
 void SrTePolicyLfibGenSm::handleDel() {
   if (!initialized_) return;
   initialized_ = false;
-  SRTE_TRACE(traceHandle, 9, "SrTePolicyLfibGenSm is to be deleted");
+  SRTE_TRACE(traceHandle, TraceLevel::detail, "SrTePolicyLfibGenSm is to be deleted");
   if (Mpls::Status* lfib = lfibStatus_->lfib().ptr()) {
     lfib->lfibRouteDelAll();
     lfib->lfibExtFecAdjacencyDelAll();
@@ -142,35 +140,15 @@ void SrTePolicyLfibGenSm::handleDel() {
 
 // Reactors
 
-Mosk::Ptr<SrTePolicyLfibGenSm::NestedPolicyReactor> SrTePolicyLfibGenSm::nestedPolicyIs(
-    Mosk::Ptr<PolicyStatusEntry const> const& entry) {
+void SrTePolicyLfibGenSm::nestedPolicyIs(Mosk::Ptr<PolicyStatusEntry const> const& entry) {
   if (!entry) {
     throw Mosk::RangeException(
         Mosk::nullMutatorMessage("nestedPolicy", "SrTePolicy::SrTePolicyLfibGenSm"));
   }
   PolicyKey const& key = entry->key();
-  Mosk::Ptr<NestedPolicyReactor> const* found = nestedPolicy_.find(key);
-  Mosk::Ptr<NestedPolicyReactor> reactor = found ? *found : nullptr;
-  if (!reactor) {
-    reactor = new NestedPolicyReactor(this, key);
-    nestedPolicy_.set(key, reactor);
-  }
-  reactor->notifierIs(entry);
-  return reactor;
-}
-
-void SrTePolicyLfibGenSm::nestedPolicyDel(PolicyKey const& key) {
-  nestedPolicy_.erase(key);
-}
-
-void SrTePolicyLfibGenSm::nestedPolicyDelAll() {
-  nestedPolicy_.clear();
-}
-
-SrTePolicyLfibGenSm::NestedPolicyReactor* SrTePolicyLfibGenSm::nestedPolicy(
-    PolicyKey const& key) const {
-  Mosk::Ptr<NestedPolicyReactor> const* found = nestedPolicy_.find(key);
-  return found ? found->ptr() : nullptr;
+  nestedPolicy_.follow(key, entry, [&] {
+    return Mosk::Ptr<NestedPolicyReactor>(new NestedPolicyReactor(this, key));
+  });
 }
 
 // The binding SID and the weighted set are handled as a FEC id change: every one of them
@@ -192,7 +170,7 @@ void SrTePolicyLfibGenSm::PolicyStatusReactor::onStatus(PolicyKey const& key) {
   if (Mosk::Ptr<PolicyStatusEntry const> const entry = sm_->policyStatus_->status(key)) {
     sm_->nestedPolicyIs(entry);
   } else {
-    sm_->nestedPolicyDel(key);
+    sm_->nestedPolicy_.erase(key);
   }
 }
 

@@ -17,6 +17,7 @@
 
 #include "SrTePolicy/SrTePolicyStateMachine.h"
 
+#include "Mosk/ReactorMap.h"
 #include "MplsHelper/IndexAllocators.h"
 #include "SrTePolicy/SrTePolicyStatus.h"
 
@@ -39,7 +40,6 @@ class SrTePolicyLfibGenSm : public StateMachine {
   Mosk::Ptr<SrTePolicyLfibStatus> const& lfibStatus() const { return lfibStatus_; }
   Mosk::Ptr<MplsHelper::LfibGenAdjIdxAllocator> const& adjIdxAlloc() const { return adjIdxAlloc_; }
   // The metric written into every binding-SID route; applies to routes installed afterwards.
-  U32 routeMetric() const { return routeMetric_; }
   void routeMetricIs(U32 metric) { routeMetric_ = metric; }
   // The binding SID under which an entry is installed for `key`, while one is.
   std::optional<Ludd::MplsLabel> policyKeyBindingSidMap(PolicyKey const& key) const;
@@ -77,10 +77,7 @@ class SrTePolicyLfibGenSm : public StateMachine {
   };
 
   // The nested reactors, by key. A null entry is refused with the range error.
-  Mosk::Ptr<NestedPolicyReactor> nestedPolicyIs(Mosk::Ptr<PolicyStatusEntry const> const& entry);
-  void nestedPolicyDel(PolicyKey const& key);
-  void nestedPolicyDelAll();
-  NestedPolicyReactor* nestedPolicy(PolicyKey const& key) const;
+  void nestedPolicyIs(Mosk::Ptr<PolicyStatusEntry const> const& entry);
 
   Mosk::Ptr<PolicyStatus const> const policyStatus_;
   Mosk::Ptr<SrTePolicyLfibStatus> const lfibStatus_;
@@ -92,7 +89,7 @@ class SrTePolicyLfibGenSm : public StateMachine {
   void removeLfibEntry(Mpls::Status& lfib, Ludd::MplsLabel bindingSid, U64 adj);
 
   Mosk::HashMap<PolicyKey, Ludd::MplsLabel> policyKeyBindingSidMap_;
-  Mosk::HashMap<PolicyKey, Mosk::Ptr<NestedPolicyReactor>> nestedPolicy_;
+  Mosk::ReactorMap<PolicyKey, NestedPolicyReactor> nestedPolicy_;
   bool initialized_ = false;
   Mosk::Ptr<PolicyStatusReactor> policyStatusReactor_;
 };

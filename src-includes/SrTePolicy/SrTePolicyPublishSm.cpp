@@ -4,18 +4,14 @@
 #include "Mosk/Reflection.h"
 
 #include "Flicker/Flicker.h"
+#include "SrTePolicy/SrTePolicyTrace.h"
 
 namespace SrTePolicy {
 
 namespace {
 
 Flicker::TraceHandle traceHandle("SrTePolicyPublishSm");
-
-// The number that stands for an endpoint in a binary trace record: the IPv4 address, or the
-// address hash for IPv6 (a record holds raw numbers only).
-U64 endpointWord(EndPoint const& endpoint) {
-  return endpoint.isIpv4() ? endpoint.v4().toU32() : endpoint.hash();
-}
+constexpr char kName[] = "PolicyPublishSm";
 
 U64 fecIndex(Fib::FecId const& fecId) {
   return fecId & Fib::adjIndexMask();
@@ -28,16 +24,11 @@ PolicyPublishSm::PolicyPublishSm(Mosk::Ptr<EcPolicy const> ecPolicy,
                                  Mosk::Ptr<PolicyStatus> policyStatus,
                                  Mosk::Ptr<Vell::TimerWheel> timerWheel,
                                  Mosk::Ptr<Skerry::Fib::ForwardingStatus> srteFwdStatus)
-    : ecPolicy_(std::move(ecPolicy)),
-      taskScheduler_(std::move(taskScheduler)),
-      policyStatus_(std::move(policyStatus)),
-      timerWheel_(std::move(timerWheel)),
-      srteFwdStatus_(std::move(srteFwdStatus)) {
-  Mosk::validPtr(ecPolicy_);
-  Mosk::validPtr(taskScheduler_);
-  Mosk::validPtr(policyStatus_);
-  Mosk::validPtr(timerWheel_);
-  Mosk::validPtr(srteFwdStatus_);
+    : ecPolicy_(required(std::move(ecPolicy), kName, "ecPolicy")),
+      taskScheduler_(required(std::move(taskScheduler), kName, "taskScheduler")),
+      policyStatus_(required(std::move(policyStatus), kName, "policyStatus")),
+      timerWheel_(required(std::move(timerWheel), kName, "timerWheel")),
+      srteFwdStatus_(required(std::move(srteFwdStatus), kName, "srteFwdStatus")) {
   handleInitialized();
 }
 
@@ -46,7 +37,7 @@ PolicyPublishSm::~PolicyPublishSm() {
 }
 
 void PolicyPublishSm::handleInitialized() {
-  SRTE_TRACE(traceHandle, 9, "Handling Initialization");
+  SRTE_TRACE(traceHandle, TraceLevel::detail, "Handling Initialization");
   task_ = Vell::timerTaskFactory(taskScheduler_, Vell::TaskPriority(taskPriority), "PublishSmTask");
   if (!taskReactor_) taskReactor_ = new TaskReactor(this);
   taskReactor_->notifierIs(task_);
@@ -71,70 +62,31 @@ void PolicyPublishSm::handleInitialized() {
   if (!ecPolicyReactor_) ecPolicyReactor_ = new EcPolicyReactor(this);
   ecPolicyReactor_->notifierIs(ecPolicy_);
   for (auto c = ecPolicy_->policyIterConst(); c; ++c) {
-    pendingPolicy_.set(c.key(), true);
-    policyIs(c.key(), c.ptr());
+    pendingPolicy_.add(c.key());
+    followPolicy(c.key(), c.ptr());
   }
-  if (!pendingPolicy_.empty()) task_->scheduleTask();
+  pendingPolicy_.scheduleIfPending(*task_);
 }
 
 void PolicyPublishSm::handlePolicy(PolicyKey const& key) {
   if (!initialized_) return;
-  pendingPolicy_.set(key, true);
+  pendingPolicy_.add(key);
   task_->scheduleTaskLowestDelay(delayTime_);
 }
 
 void PolicyPublishSm::handleTaskRun() {
   if (!initialized_) return;
-  Mosk::HashMap<PolicyKey, bool> const& pending = pendingPolicy_;
-  auto it = pendingBookmark_.startFresh() ? pending.cursor()
-                                          : pending.cursorAt(pendingBookmark_.nextKey());
-  U64 count = 0;
-  bool yielded = false;
-  while (it) {
-    PolicyKey const key = it.key();
-    try {
-      processPolicy(key);
-    } catch (...) {
-      // A key that cannot be published must not stall the others behind it: it leaves the
-      // queue (its next change brings it back), the next run starts after it, and the error
-      // goes on to the host.
-      pendingPolicy_.erase(key);
-      ++it;
-      pendingBookmark_ = it ? PendingKeyBookmark(false, it.key()) : PendingKeyBookmark();
-      if (!pendingPolicy_.empty()) task_->scheduleTask();
-      throw;
-    }
-    pendingPolicy_.erase(key);
-    ++count;
-    if (task_->taskShouldYield()) {
-      yielded = true;
-      break;
-    }
-    ++it;
+  auto const slice =
+      pendingPolicy_.drain(*task_, [this](PolicyKey const& key) { processPolicy(key); });
+  if (slice.bookmark) {
+    PolicyKey const& next = *slice.bookmark;
+    SRTE_TRACE2(traceHandle, TraceLevel::detail,
+                "Bookmark placed at Endpoint: " << next.endpoint() << " color: " << next.color(),
+                "Bookmark placed at Endpoint " << endpointWord(next.endpoint(), 0) << ":"
+                                               << endpointWord(next.endpoint(), 1)
+                                               << " color: " << next.color());
   }
-  if (yielded) {
-    ++it;
-    if (it) {
-      PolicyKey const& next = it.key();
-      pendingBookmark_ = PendingKeyBookmark(false, next);
-      SRTE_TRACE2(traceHandle, 9,
-                  "Bookmark placed at Endpoint: " << next.endpoint() << " color: " << next.color(),
-                  "Bookmark placed at Endpoint " << endpointWord(next.endpoint())
-                                                 << " color: " << next.color());
-    } else {
-      pendingBookmark_ = PendingKeyBookmark();
-    }
-  }
-  task_->taskWorkCountInc(count);
-  SRTE_TRACE(traceHandle, 9, "Processed " << count << " policy entries");
-  if (!pendingPolicy_.empty()) {
-    if (!it) pendingBookmark_ = PendingKeyBookmark();
-    task_->scheduleTask();
-  } else {
-    pendingBookmark_ = PendingKeyBookmark();
-    // Give back the room of a large burst: walks of a sparse table scan its empty slots.
-    pendingPolicy_.clear();
-  }
+  SRTE_TRACE(traceHandle, TraceLevel::detail, "Processed " << slice.count << " policy entries");
 }
 
 void PolicyPublishSm::processPolicy(PolicyKey const& key) {
@@ -142,10 +94,11 @@ void PolicyPublishSm::processPolicy(PolicyKey const& key) {
   Mosk::Ptr<PolicyEntry const> const active = policy ? policy->active() : nullptr;
   if (active) {
     U32 const id = active->priority().id();
-    SRTE_TRACE2(traceHandle, 6,
+    SRTE_TRACE2(traceHandle, TraceLevel::event,
                 "Policy Endpoint: " << key.endpoint() << " Color: " << key.color() << " Id: " << id
                                     << " is now active",
-                "Policy Endpoint: " << endpointWord(key.endpoint()) << " Color: " << key.color()
+                "Policy Endpoint: " << endpointWord(key.endpoint(), 0) << ":"
+                                    << endpointWord(key.endpoint(), 1) << " Color: " << key.color()
                                     << " Id: " << id << " is now active");
     Mosk::Ptr<PolicyStatusEntry> const entry = policyStatus_->statusIs(key);
     entry->bindingSidIs(active->bindingSid());
@@ -165,9 +118,10 @@ void PolicyPublishSm::processPolicy(PolicyKey const& key) {
     return;
   }
   SRTE_TRACE2(
-      traceHandle, 6,
+      traceHandle, TraceLevel::event,
       "Policy Endpoint: " << key.endpoint() << " Color: " << key.color() << " has no active policy",
-      "Policy Endpoint: " << endpointWord(key.endpoint()) << " Color: " << key.color()
+      "Policy Endpoint: " << endpointWord(key.endpoint(), 0) << ":"
+                          << endpointWord(key.endpoint(), 1) << " Color: " << key.color()
                           << " has no active policy");
   if (Mosk::Ptr<PolicyStatusEntry const> const entry = policyStatus_->status(key)) {
     Fib::FecId const fecId = entry->srTePolicyFecId();
@@ -186,19 +140,19 @@ Fib::FecId PolicyPublishSm::getFecId() {
                   "FecId range exhausted, Not possible");
   MOSK_ASSERT_MSG(static_cast<S64>(index) >= 0, "index >= 0");
   Fib::FecId const fecId = Fib::FecId::fecIdForAdjType(fecAdjType, index);
-  SRTE_TRACE(traceHandle, 9, "Allocated new fecId: " << fecId);
+  SRTE_TRACE(traceHandle, TraceLevel::detail, "Allocated new fecId: " << fecId);
   return fecId;
 }
 
 void PolicyPublishSm::releaseFecId(Fib::FecId const& fecId) {
   U64 const index = fecIndex(fecId);
-  SRTE_TRACE(traceHandle, 9, "Releasing fecId: " << index);
+  SRTE_TRACE(traceHandle, TraceLevel::detail, "Releasing fecId: " << index);
   numAllocator_->releaseNumber(index);
 }
 
 Fib::FecId PolicyPublishSm::createSrTePolicyFec(Mosk::Ptr<PolicyEntry const> const& active) {
   Fib::FecId const fecId = getFecId();
-  SRTE_TRACE(traceHandle, 6, "Created policy fecId: " << fecIndex(fecId));
+  SRTE_TRACE(traceHandle, TraceLevel::event, "Created policy fecId: " << fecIndex(fecId));
   try {
     updateSrTePolicyFec(active, fecId);
   } catch (...) {
@@ -212,14 +166,14 @@ Fib::FecId PolicyPublishSm::createSrTePolicyFec(Mosk::Ptr<PolicyEntry const> con
 
 void PolicyPublishSm::updateSrTePolicyFec(Mosk::Ptr<PolicyEntry const> const& active,
                                           Fib::FecId const& fecId) {
-  SRTE_TRACE(traceHandle, 6, "Updated policy fecId: " << fecIndex(fecId));
+  SRTE_TRACE(traceHandle, TraceLevel::event, "Updated policy fecId: " << fecIndex(fecId));
   // The table hands an existing FEC back cleared, so vias of lists the candidate no longer
   // has do not survive; only the count is raised here.
   Fib::Fec& fec = srteFwdStatus_->fecForWrite(fecId);
   Fib::ViaIndex position(1);
   for (auto c = active->wSegmentListIter(); c; ++c) {
     Tunnel::TunnelTable::TunnelId const& tunnelId = c.value().tunnelId();
-    SRTE_TRACE(traceHandle, 9, "Adding tunnelId: " << tunnelId);
+    SRTE_TRACE(traceHandle, TraceLevel::detail, "Adding tunnelId: " << tunnelId);
     fec.viaIs(position, Fib::Via(Ludd::IntfId(), Ludd::IpGenAddr(), Ludd::MplsLabel(),
                                  Ludd::MplsLabelAction::actionNone, true, tunnelId));
     if (fec.viaCount() < position.value()) fec.viaCountIs(position.value());
@@ -231,7 +185,7 @@ void PolicyPublishSm::updateSrTePolicyFec(Mosk::Ptr<PolicyEntry const> const& ac
 }
 
 void PolicyPublishSm::deleteSrTePolicyFec(Fib::FecId const& fecId) {
-  SRTE_TRACE(traceHandle, 6, "Delete policy fecId: " << fecIndex(fecId));
+  SRTE_TRACE(traceHandle, TraceLevel::event, "Delete policy fecId: " << fecIndex(fecId));
   srteFwdStatus_->fecDel(fecId);
   releaseFecId(fecId);
 }
@@ -243,36 +197,15 @@ void PolicyPublishSm::handleDel() {
   policyStatus_->fecIdToPolicyKeyDelAll();
   srteFwdStatus_->fecDelAll();
   pendingPolicy_.clear();
-  pendingBookmark_ = PendingKeyBookmark();
   task_->unscheduleTask();
 }
 
 // Reactors
 
-Mosk::Ptr<PolicyPublishSm::PolicyReactor> PolicyPublishSm::policyIs(
-    PolicyKey const& key, Mosk::Ptr<Policy const> const& policy) {
-  Mosk::Ptr<PolicyReactor> const* found = policyReactor_.find(key);
-  Mosk::Ptr<PolicyReactor> reactor = found ? *found : nullptr;
-  if (!reactor) {
-    reactor = new PolicyReactor(this, key);
-    policyReactor_.set(key, reactor);
-  }
-  reactor->notifierIs(policy);
-  reactor->followActive();
-  return reactor;
-}
-
-void PolicyPublishSm::policyDel(PolicyKey const& key) {
-  policyReactor_.erase(key);
-}
-
-void PolicyPublishSm::policyDelAll() {
-  policyReactor_.clear();
-}
-
-PolicyPublishSm::PolicyReactor* PolicyPublishSm::policy(PolicyKey const& key) const {
-  Mosk::Ptr<PolicyReactor> const* found = policyReactor_.find(key);
-  return found ? found->ptr() : nullptr;
+void PolicyPublishSm::followPolicy(PolicyKey const& key, Mosk::Ptr<Policy const> const& policy) {
+  PolicyReactor* reactor = policyReactor_.follow(
+      key, policy, [&] { return Mosk::Ptr<PolicyReactor>(new PolicyReactor(this, key)); });
+  if (reactor != nullptr) reactor->followActive();
 }
 
 PolicyPublishSm::PolicyReactor::PolicyReactor(PolicyPublishSm* sm, PolicyKey const& key)
@@ -306,11 +239,7 @@ void PolicyPublishSm::ActiveEntryReactor::onWSegmentList(SegmentListId const&) {
 
 void PolicyPublishSm::EcPolicyReactor::onPolicy(PolicyKey const& key) {
   sm_->handlePolicy(key);
-  if (Mosk::Ptr<Policy const> const policy = sm_->ecPolicy_->policy(key)) {
-    sm_->policyIs(key, policy);
-  } else {
-    sm_->policyDel(key);
-  }
+  sm_->followPolicy(key, sm_->ecPolicy_->policy(key));
 }
 
 void PolicyPublishSm::TaskReactor::onTaskRun() {

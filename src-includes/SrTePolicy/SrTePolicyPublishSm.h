@@ -16,11 +16,12 @@
 
 #include "SrTePolicy/SrTePolicyStateMachine.h"
 
+#include "Mosk/ReactorMap.h"
 #include "Skerry/ForwardingStatus.h"
 #include "SrTePolicy/SrTePolicyEntry.h"
 #include "SrTePolicy/SrTePolicyStatus.h"
 #include "Vell/NumAllocator.h"
-#include "Vell/Task.h"
+#include "Vell/PendingDrain.h"
 #include "Vell/TimerWheel.h"
 
 namespace SrTePolicy {
@@ -51,18 +52,9 @@ class PolicyPublishSm : public StateMachine {
   double delayTime() const { return delayTime_; }
   bool initialized() const { return initialized_; }
   Mosk::Ptr<Vell::TimerTask> const& task() const { return task_; }
-  Mosk::Ptr<Vell::NumAllocatorConfig> const& numAllocatorConfig() const {
-    return numAllocatorConfig_;
-  }
-  Mosk::Ptr<Vell::NumAllocatorStatus> const& numAllocatorStatus() const {
-    return numAllocatorStatus_;
-  }
-  Mosk::Ptr<Vell::NumAllocator> const& numAllocator() const { return numAllocator_; }
 
-  // Keys waiting for the publish task.
+  // The number of keys waiting for the publish task.
   U32 pendingPolicyCount() const { return pendingPolicy_.size(); }
-  bool pendingPolicy(PolicyKey const& key) const { return pendingPolicy_.contains(key); }
-  PendingKeyBookmark const& pendingBookmark() const { return pendingBookmark_; }
 
   // Creates the task, wipes the status and the FEC table, builds a fresh FEC id allocator,
   // attaches the reactors and queues every existing policy (the task runs at once).
@@ -70,8 +62,8 @@ class PolicyPublishSm : public StateMachine {
   // Marks `key` pending and makes the task due within delayTime().
   void handlePolicy(PolicyKey const& key);
   // Publishes or withdraws pending keys until the scheduler asks the task to yield; work left
-  // is resumed from the bookmark on the next run, which is scheduled at once. A key whose
-  // publication raises leaves the queue and the error propagates; the others stay queued.
+  // is resumed from the bookmark on the next run, which is scheduled at once
+  // (Vell/PendingDrain.h, which also says what a key whose publication raises does).
   void handleTaskRun();
   // Publishes the active candidate of `key`, or withdraws the key when it has none.
   void processPolicy(PolicyKey const& key);
@@ -137,11 +129,8 @@ class PolicyPublishSm : public StateMachine {
     PolicyPublishSm* const sm_;
   };
 
-  // The per-policy reactors, by key.
-  Mosk::Ptr<PolicyReactor> policyIs(PolicyKey const& key, Mosk::Ptr<Policy const> const& policy);
-  void policyDel(PolicyKey const& key);
-  void policyDelAll();
-  PolicyReactor* policy(PolicyKey const& key) const;
+  // Keeps the reactor of `key` on `policy` and its active entry; a null policy drops it.
+  void followPolicy(PolicyKey const& key, Mosk::Ptr<Policy const> const& policy);
 
   Mosk::Ptr<EcPolicy const> const ecPolicy_;
   Mosk::Ptr<Vell::TaskScheduler> const taskScheduler_;
@@ -154,11 +143,10 @@ class PolicyPublishSm : public StateMachine {
   Mosk::Ptr<Vell::NumAllocatorConfig> numAllocatorConfig_;
   Mosk::Ptr<Vell::NumAllocatorStatus> numAllocatorStatus_;
   Mosk::Ptr<Vell::NumAllocator> numAllocator_;
-  Mosk::HashMap<PolicyKey, bool> pendingPolicy_;
-  PendingKeyBookmark pendingBookmark_;
+  Vell::PendingDrain<PolicyKey> pendingPolicy_;
   Mosk::Ptr<EcPolicyReactor> ecPolicyReactor_;
   Mosk::Ptr<TaskReactor> taskReactor_;
-  Mosk::HashMap<PolicyKey, Mosk::Ptr<PolicyReactor>> policyReactor_;
+  Mosk::ReactorMap<PolicyKey, PolicyReactor> policyReactor_;
 };
 
 inline Mosk::Ptr<PolicyPublishSm> policyPublishSmFactory(

@@ -3,6 +3,7 @@
 #include <sstream>
 
 #include "SrTePolicy/SrTePolicyDedupTables.h"
+#include "SrTePolicy/SrTePolicySegmentResolver.h"
 
 namespace SrTePolicy {
 
@@ -33,6 +34,17 @@ U32 SegmentMplsLabel::hash() const {
 bool SegmentMplsLabel::segmentCompare(SegmentBase const& other) const {
   if (type() != other.type()) return false;
   return label_ == static_cast<SegmentMplsLabel const&>(other).label_;
+}
+
+// A label segment resolves as its label: the resolver looks the label up in the LFIB.
+Mosk::Ptr<SegmentResolveResult const> SegmentMplsLabel::resolveSegment(
+    SegmentResolver const& r) const {
+  return r.resolveSegmentMpls(label_);
+}
+
+Mosk::Ptr<SegmentResolveResult const> SegmentMplsLabel::resolveSegmentOnLFib(
+    SegmentResolver const& r, Mpls::LFib::Route const& route) const {
+  return r.resolveSegmentMplsOnLfibRoute(label_, route);
 }
 
 Mosk::Ptr<SegmentMplsLabel> SegmentMplsLabel::dedup(SegmentDedupTable const& table) {

@@ -5,6 +5,7 @@
 
 #include "Flicker/Flicker.h"
 #include "Mosk/Reflection.h"
+#include "SrTePolicy/SrTePolicyTrace.h"
 
 namespace SrTePolicy {
 
@@ -14,11 +15,8 @@ using Tunnel::TunnelTable::TunnelId;
 namespace {
 
 Flicker::TraceHandle traceHandle("SrTePolicySegmentListSm");
-// Function entry and bookkeeping; per-list publication events; resolution skips.
-constexpr U32 kEntry = 9;
-constexpr U32 kEvent = 6;
-constexpr U32 kSkip = 4;
 
+constexpr char kName[] = "SegmentListSm";
 constexpr U32 kTaskPriority = 2;
 // The adjacency types of a FecId that name IPv4 and IPv6 FECs.
 constexpr U64 kAdjTypeIpv4 = 0;
@@ -57,22 +55,19 @@ SegmentListSm::SegmentListSm(Mosk::Ptr<NotifyingSegmentListCollection const> not
                              Mosk::Ptr<MplsHelper::SrTunnelIdxAllocator> tunnelIndexAlloc,
                              Mosk::Ptr<Skerry::Fib::ForwardingStatus const> forwardingStatus,
                              Mosk::Ptr<Skerry::Fib6::ForwardingStatus const> forwarding6Status)
-    : notifyingSegmentList_(std::move(notifyingSegmentList)),
-      segmentStatus_(std::move(segmentStatus)),
-      segmentListStatus_(std::move(segmentListStatus)),
-      tunnelTable_(std::move(tunnelTable)),
-      scheduler_(std::move(scheduler)),
-      mplsStatus_(std::move(mplsStatus)),
-      segmentIdToSegmentList_(std::move(segmentIdToSegmentList)),
-      coreDedupTables_(std::move(coreDedupTables)),
-      tunnelIndexAlloc_(std::move(tunnelIndexAlloc)),
-      forwardingStatus_(std::move(forwardingStatus)),
-      forwarding6Status_(std::move(forwarding6Status)) {
-  if (!notifyingSegmentList_ || !segmentStatus_ || !segmentListStatus_ || !tunnelTable_ ||
-      !scheduler_ || !mplsStatus_ || !segmentIdToSegmentList_ || !coreDedupTables_ ||
-      !tunnelIndexAlloc_ || !forwardingStatus_ || !forwarding6Status_) {
-    Mosk::throwNullValidPtr();
-  }
+    : notifyingSegmentList_(
+          required(std::move(notifyingSegmentList), kName, "notifyingSegmentList")),
+      segmentStatus_(required(std::move(segmentStatus), kName, "segmentStatus")),
+      segmentListStatus_(required(std::move(segmentListStatus), kName, "segmentListStatus")),
+      tunnelTable_(required(std::move(tunnelTable), kName, "tunnelTable")),
+      scheduler_(required(std::move(scheduler), kName, "scheduler")),
+      mplsStatus_(required(std::move(mplsStatus), kName, "mplsStatus")),
+      segmentIdToSegmentList_(
+          required(std::move(segmentIdToSegmentList), kName, "segmentIdToSegmentList")),
+      coreDedupTables_(required(std::move(coreDedupTables), kName, "coreDedupTables")),
+      tunnelIndexAlloc_(required(std::move(tunnelIndexAlloc), kName, "tunnelIndexAlloc")),
+      forwardingStatus_(required(std::move(forwardingStatus), kName, "forwardingStatus")),
+      forwarding6Status_(required(std::move(forwarding6Status), kName, "forwarding6Status")) {
   segmentListReactor_ = new SegmentListReactor(this);
   segmentListReactor_->notifierIs(notifyingSegmentList_);
   segmentStatusReactor_ = new SegmentStatusReactor(this);
@@ -89,14 +84,9 @@ void SegmentListSm::statusIs(SegmentId segmentId, Mosk::Ptr<SegmentResolve const
   if (!resolve) {
     throw Mosk::RangeException(Mosk::nullMutatorMessage("status", "SrTePolicy::SegmentListSm"));
   }
-  if (Mosk::Ptr<StatusReactor> const* existing = status_.find(segmentId)) {
-    // The entry may have been replaced by another object of the same key.
-    if ((*existing)->notifier() != resolve) (*existing)->notifierIs(resolve);
-    return;
-  }
-  Mosk::Ptr<StatusReactor> watcher(new StatusReactor(this, segmentId));
-  watcher->notifierIs(resolve);
-  status_.set(segmentId, watcher);
+  // The entry may also have been replaced by another object of the same key.
+  status_.follow(segmentId, resolve,
+                 [&] { return Mosk::Ptr<StatusReactor>(new StatusReactor(this, segmentId)); });
 }
 
 void SegmentListSm::statusDel(SegmentId segmentId) {
@@ -108,8 +98,8 @@ void SegmentListSm::statusDelAll() {
 }
 
 Mosk::Ptr<SegmentResolve const> SegmentListSm::status(SegmentId segmentId) const {
-  Mosk::Ptr<StatusReactor> const* watcher = status_.find(segmentId);
-  return watcher ? (*watcher)->notifier() : nullptr;
+  StatusReactor const* watcher = status_.find(segmentId);
+  return watcher ? watcher->notifier() : nullptr;
 }
 
 void SegmentListSm::statusWatch(SegmentId segmentId) {
@@ -126,7 +116,7 @@ void SegmentListSm::statusWatch(SegmentId segmentId) {
 void SegmentListSm::handleInitialized() {
   if (initialized_) return;
   initialized_ = true;
-  SRTE_TRACE(traceHandle, kEntry, "handleInitialized");
+  SRTE_TRACE(traceHandle, TraceLevel::detail, "handleInitialized");
   tunnelTable_->entryDelAll();
   segmentListStatus_->statusDelAll();
   task_ = Vell::taskFactory(scheduler_, Vell::TaskPriority(kTaskPriority), "SegmentListSm");
@@ -134,11 +124,11 @@ void SegmentListSm::handleInitialized() {
   taskReactor_->notifierIs(task_);
   for (auto c = notifyingSegmentList_->segmentListNotifierIter(); c; ++c) {
     if (!c.value()) continue;
-    pendingSegmentList_.set(Mosk::Ptr<SegmentList const>(c.key()->segmentListRawPtr()), true);
+    pendingSegmentList_.add(Mosk::Ptr<SegmentList const>(c.key()->segmentListRawPtr()));
   }
   for (auto c = segmentStatus_->statusIterConst(); c; ++c)
     statusIs(c.key(), c.ptr());
-  scheduleIfPending();
+  pendingSegmentList_.scheduleIfPending(*task_);
 }
 
 void SegmentListSm::handleSegmentList(
@@ -147,7 +137,7 @@ void SegmentListSm::handleSegmentList(
   // Raw: a list that is leaving the dedup table must not be referenced again.
   SegmentList const* list = notifier->segmentListRawPtr();
   SegmentListId id = list->segmentListId();
-  SRTE_TRACE(traceHandle, kEntry, "handleSegmentList for segmentList: " << id);
+  SRTE_TRACE(traceHandle, TraceLevel::detail, "handleSegmentList for segmentList: " << id);
   if (!notifyingSegmentList_->segmentListNotifier(notifier)) {
     removeSegmentListStatusById(id);
     return;
@@ -157,46 +147,33 @@ void SegmentListSm::handleSegmentList(
 
 void SegmentListSm::handleSegmentStatus(SegmentId segmentId) {
   if (!initialized_) return;
-  SRTE_TRACE2(traceHandle, kEntry, " SegmentId : " << segmentId,
+  SRTE_TRACE2(traceHandle, TraceLevel::detail, " SegmentId : " << segmentId,
               "handleSegmentStatus segmentId : " << segmentId);
   Mosk::Ptr<SegmentListCollection> lists = segmentIdToSegmentList_->segmentList(segmentId);
   if (!lists) return;
   for (auto c = lists->segmentListPtrIter(); c; ++c)
-    pendingSegmentList_.set(c.key(), true);
-  task_->scheduleTask();
+    pendingSegmentList_.add(c.key());
+  pendingSegmentList_.scheduleIfPending(*task_);
 }
 
 void SegmentListSm::handleTaskRun() {
   if (!initialized_) return;
-  SRTE_TRACE(traceHandle, kEntry, "handleTaskRun");
-  // Work left over, also when a list raises, runs in a later slice.
-  struct Reschedule {
-    SegmentListSm* sm;
-    ~Reschedule() { sm->scheduleIfPending(); }
-  } reschedule{this};
-  U32 count = 0;
-  for (auto c = pendingSegmentList_.cursor(); c;) {
-    // Off the queue before it is resolved: a list whose resolution raises is not retried by
-    // every later slice, and a list queued again while it is being resolved runs again.
-    Mosk::Ptr<SegmentList const> list = c.key();
-    pendingSegmentList_.erase(list);
+  SRTE_TRACE(traceHandle, TraceLevel::detail, "handleTaskRun");
+  auto const slice = pendingSegmentList_.drain(*task_, [this](Mosk::Ptr<SegmentList const> list) {
     if (list->segmentListLifeTimeNotifier() != nullptr) {
       processSegmentList(*list);
     } else {
       // The list left the collection (its dedup table stopped) while it was queued.
       removeSegmentListStatusById(list->segmentListId());
     }
-    ++count;
-    if (task_->taskShouldYield()) break;
-    ++c;
-  }
-  SRTE_TRACE2(traceHandle, kEntry, " Processed " << count << " Segment Lists ",
-              "Processed " << count);
+  });
+  SRTE_TRACE2(traceHandle, TraceLevel::detail, " Processed " << slice.count << " Segment Lists ",
+              "Processed " << slice.count);
 }
 
 void SegmentListSm::handleDel() {
   if (!initialized_) return;
-  SRTE_TRACE(traceHandle, kEntry, "handleDel");
+  SRTE_TRACE(traceHandle, TraceLevel::detail, "handleDel");
   tunnelTable_->entryDelAll();
   segmentListStatus_->statusDelAll();
   initialized_ = false;
@@ -206,24 +183,20 @@ void SegmentListSm::handleDel() {
   statusDelAll();
 }
 
-void SegmentListSm::scheduleIfPending() {
-  if (!pendingSegmentList_.empty() && task_) task_->scheduleTask();
-}
-
 // Resolution and publication.
 
 void SegmentListSm::processSegmentList(SegmentList const& list) {
   SegmentListId id = list.segmentListId();
-  SRTE_TRACE(traceHandle, kEntry, "processSegmentList for SlId:" << id);
+  SRTE_TRACE(traceHandle, TraceLevel::detail, "processSegmentList for SlId:" << id);
   // The next hops stay on the stack: a result object would only carry them to the next line.
   MplsViaSet viaSet;
   resolveInto(list, viaSet);
   if (!viaSet.empty()) {
-    SRTE_TRACE(traceHandle, kEvent, "Update the Segment List Status for SlId:" << id);
+    SRTE_TRACE(traceHandle, TraceLevel::event, "Update the Segment List Status for SlId:" << id);
     updateSegmentListStatus(list, viaSet);
     return;
   }
-  SRTE_TRACE(traceHandle, kEvent, "Remove the Segment List Status for SlId:" << id);
+  SRTE_TRACE(traceHandle, TraceLevel::event, "Remove the Segment List Status for SlId:" << id);
   removeSegmentListStatusById(id);
 }
 
@@ -276,12 +249,12 @@ void SegmentListSm::addAdjacencyVias(U64 index, Ludd::MplsLabelOperation const& 
   // Read in place: a copy would allocate the adjacency's via set for every list resolved.
   Mpls::LfibAdjacency const* adjacency = mplsStatus_->lfibAdjacencyFind(index);
   if (adjacency == nullptr) return;
-  SRTE_TRACE(traceHandle, kEntry, "No of Adjacency " << adjacency->via().viaCount());
+  SRTE_TRACE(traceHandle, TraceLevel::detail, "No of Adjacency " << adjacency->via().viaCount());
   for (Mpls::Via const& via : adjacency->via()) {
     Ludd::MplsLabelOperation op = lStack;
     if (via.labelAction() == Ludd::MplsLabelAction::actionSwap) op.push(via.outLabel());
     if (op.size() == 0) continue;
-    SRTE_TRACE2(traceHandle, kEntry,
+    SRTE_TRACE2(traceHandle, TraceLevel::detail,
                 "Adjacency ViaSet label " << via.outLabel() << " nexthop " << via.nextHop(),
                 "Adjacency ViaSet label " << via.outLabel());
     viaSet.newVia(MplsVia(via.nextHop(), via.intf(), op));
@@ -292,7 +265,7 @@ bool SegmentListSm::addExtFecVias(U64 index, Ludd::MplsLabelOperation const& lSt
                                   Ludd::MplsLabel topLabel, MplsViaSet& viaSet) const {
   std::optional<Mpls::ExtFecAdjacency> adjExt = mplsStatus_->lfibExtFecAdjacency(index);
   if (!adjExt) {
-    SRTE_TRACE(traceHandle, kSkip, "adjExt not found, returning NULL");
+    SRTE_TRACE(traceHandle, TraceLevel::skip, "adjExt not found, returning NULL");
     return false;
   }
   ::Fib::FecId const& fecId = adjExt->fecId();
@@ -316,12 +289,13 @@ bool SegmentListSm::addExtFecVias(U64 index, Ludd::MplsLabelOperation const& lSt
 void SegmentListSm::updateSegmentListStatus(SegmentList const& list, MplsViaSet const& viaSet) {
   SegmentListId id = list.segmentListId();
   if (Mosk::Ptr<SegmentListResolve> existing = segmentListStatus_->status(id)) {
-    SRTE_TRACE2(traceHandle, kEvent, "Update existing status for SegmentList [" << id << "]",
+    SRTE_TRACE2(traceHandle, TraceLevel::event,
+                "Update existing status for SegmentList [" << id << "]",
                 "Update existing status for SegmentList: " << id);
     updateTunnelTable(existing->tunnelId(), viaSet);
     return;
   }
-  SRTE_TRACE2(traceHandle, kEvent, "Add new status for SegmentList [" << id << "]",
+  SRTE_TRACE2(traceHandle, TraceLevel::event, "Add new status for SegmentList [" << id << "]",
               "Add new status for SegmentList: " << id);
   TunnelId tunnelId = TunnelId::convertToTunnelValue(
       Tunnel::TunnelTable::TunnelType::srTeSegmentList, tunnelIndexAlloc_->getIdx());
@@ -330,7 +304,7 @@ void SegmentListSm::updateSegmentListStatus(SegmentList const& list, MplsViaSet 
 }
 
 void SegmentListSm::updateTunnelTable(TunnelId const& tunnelId, MplsViaSet const& viaSet) {
-  SRTE_TRACE2(traceHandle, kEvent,
+  SRTE_TRACE2(traceHandle, TraceLevel::event,
               "Update Tunnel Table TID " << tunnelId << " With " << viaSet.viaCount() << " vias",
               "Update Tunnel Table TID: " << tunnelId);
   Tunnel::TunnelTable::SrTeSegmentListTunnelTableEntry entry(tunnelId);
@@ -341,7 +315,7 @@ void SegmentListSm::updateTunnelTable(TunnelId const& tunnelId, MplsViaSet const
 }
 
 void SegmentListSm::removeSegmentListStatusById(SegmentListId id) {
-  SRTE_TRACE(traceHandle, kEntry, "removeSegmentListStatusById for id: " << id);
+  SRTE_TRACE(traceHandle, TraceLevel::detail, "removeSegmentListStatusById for id: " << id);
   if (Mosk::Ptr<SegmentListResolve> resolve = segmentListStatus_->status(id)) {
     removeSegmentListStatus(*resolve);
   }

@@ -14,10 +14,10 @@
 //
 // Lists that appear or leave are handled at once. A change of a segment's status may touch
 // many lists (every list that holds the segment), so those lists are queued in
-// pendingSegmentList and resolved from the machine's task in slices, each slice ending when the
-// scheduler asks the task to yield (at least one list per run). The queue is keyed by the list
-// and hashed by its id, so the order of work does not depend on memory layout and a list
-// queued twice is resolved once.
+// pendingSegmentList and resolved from the machine's task in slices (Vell/PendingDrain.h: a
+// slice ends when the scheduler asks the task to yield; each run starts at the first queued
+// list). The queue is keyed by the list and hashed by its id, so the order of work does not
+// depend on memory layout and a list queued twice is resolved once.
 //
 // At start-up the machine throws away what an earlier instance wrote (tunnel entries, then
 // status records) and queues every live list.
@@ -25,13 +25,14 @@
 
 #include "SrTePolicy/SrTePolicyStateMachine.h"
 
+#include "Mosk/ReactorMap.h"
 #include "MplsHelper/IndexAllocators.h"
 #include "Skerry/ForwardingStatus.h"
 #include "SrTePolicy/SrTePolicyDedupTables.h"
 #include "SrTePolicy/SrTePolicySegmentListStatus.h"
 #include "SrTePolicy/SrTePolicySegmentStatus.h"
 #include "Tunnel/TunnelTable.h"
-#include "Vell/Task.h"
+#include "Vell/PendingDrain.h"
 
 namespace SrTePolicy {
 
@@ -186,8 +187,6 @@ class SegmentListSm : public StateMachine {
   // when the adjacency or its FEC is missing.
   bool addExtFecVias(U64 index, Ludd::MplsLabelOperation const& lStack, Ludd::MplsLabel topLabel,
                      MplsViaSet& viaSet) const;
-  // Makes sure a task run follows when work is queued.
-  void scheduleIfPending();
 
   Mosk::Ptr<NotifyingSegmentListCollection const> const notifyingSegmentList_;
   Mosk::Ptr<SegmentStatus const> const segmentStatus_;
@@ -203,8 +202,10 @@ class SegmentListSm : public StateMachine {
 
   bool initialized_ = false;
   Mosk::Ptr<Vell::Task> task_;
-  Mosk::HashMap<Mosk::Ptr<SegmentList const>, bool, SegmentListPtrHash> pendingSegmentList_;
-  Mosk::HashMap<SegmentId, Mosk::Ptr<StatusReactor>> status_;
+  using PendingLists = Vell::PendingDrain<Mosk::Ptr<SegmentList const>, SegmentListPtrHash>;
+  // Each run starts at the first queued list.
+  PendingLists pendingSegmentList_{PendingLists::Resume::atStart};
+  Mosk::ReactorMap<SegmentId, StatusReactor> status_;
   Mosk::Ptr<SegmentListReactor> segmentListReactor_;
   Mosk::Ptr<SegmentStatusReactor> segmentStatusReactor_;
   Mosk::Ptr<TaskReactor> taskReactor_;

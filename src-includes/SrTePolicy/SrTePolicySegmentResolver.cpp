@@ -3,6 +3,7 @@
 #include "Flicker/Flicker.h"
 #include "Ludd/IntfId.h"
 #include "SrTePolicy/SrTePolicySegment.h"
+#include "SrTePolicy/SrTePolicyTrace.h"
 
 namespace SrTePolicy {
 
@@ -14,7 +15,8 @@ constexpr U32 kLastSource = 255;
 
 Mosk::Ptr<SegmentResolveResult const> SegmentResolver::resolveSegmentMpls(
     Ludd::MplsLabel label) const {
-  SRTE_TRACE2(traceHandle, 7, "resolveSegmentMpls", "resolveSegmentMpls label " << label.value());
+  SRTE_TRACE2(traceHandle, TraceLevel::resolution, "resolveSegmentMpls",
+              "resolveSegmentMpls label " << label.value());
   // The label's routes in ascending source order: the same routes, in the same order, as
   // looking each source up in turn, without probing the sources that have none.
   for (auto c = mplsStatus_->lfibRouteIterOfLabel(label); c && c.key().topLabel() == label; ++c) {
@@ -29,7 +31,7 @@ Mosk::Ptr<SegmentResolveResult const> SegmentResolver::resolveSegmentMpls(
 
 Mosk::Ptr<SegmentResolveResult const> SegmentResolver::resolveSegmentMplsOnLfibRoute(
     Ludd::MplsLabel label, Mpls::LFib::Route const& route) const {
-  SRTE_TRACE2(traceHandle, 7, "resolveSegmentMplsOnLfibRoute",
+  SRTE_TRACE2(traceHandle, TraceLevel::resolution, "resolveSegmentMplsOnLfibRoute",
               "resolveSegmentMplsOnLfibRoute label " << label.value());
   if (skipMplsRouteForResolution(route)) return nullptr;
   return Mosk::Ptr<SegmentResolveResult const>(new SegmentResolveResult(route.adjacencyKey()));
@@ -39,10 +41,10 @@ bool SegmentResolver::skipMplsRouteForResolution(Mpls::LFib::Route const& route)
   Mpls::RouteKey const& key = route.key();
   U32 label = key.topLabel().value();
   U32 source = key.source().value();
-  SRTE_TRACE2(traceHandle, 7, key,
+  SRTE_TRACE2(traceHandle, TraceLevel::resolution, key,
               "skipMplsRouteForResolution label " << label << " source " << source);
   if (route.routeType() == Mpls::LFib::RouteType::pseudowire) {
-    SRTE_TRACE2(traceHandle, 4, "Skipping resolution via pseudowire " << key,
+    SRTE_TRACE2(traceHandle, TraceLevel::skip, "Skipping resolution via pseudowire " << key,
                 "Skipping resolution via pseudowire label " << label << " source " << source);
     return true;
   }
@@ -51,29 +53,17 @@ bool SegmentResolver::skipMplsRouteForResolution(Mpls::LFib::Route const& route)
   if (!vias) return false;
   for (Mpls::Via const& via : *vias) {
     if (FecIdIntfId::isNexthopGroupIdIntfId(via.intf())) {
-      SRTE_TRACE2(traceHandle, 4, "Skipping resolution via NHG " << key,
+      SRTE_TRACE2(traceHandle, TraceLevel::skip, "Skipping resolution via NHG " << key,
                   "Skipping resolution via nhg label " << label << " source " << source);
       return true;
     }
     if (DynamicTunnelIntfId::isDynamicTunnelIntfId(via.intf())) {
-      SRTE_TRACE2(traceHandle, 4, "Skipping resolution via dynamic tunnel " << key,
+      SRTE_TRACE2(traceHandle, TraceLevel::skip, "Skipping resolution via dynamic tunnel " << key,
                   "Skipping resolution via dynamic tunnel label " << label << " source " << source);
       return true;
     }
   }
   return false;
-}
-
-// The label segment's entry points into the resolver.
-
-Mosk::Ptr<SegmentResolveResult const> SegmentMplsLabel::resolveSegment(
-    SegmentResolver const& r) const {
-  return r.resolveSegmentMpls(label_);
-}
-
-Mosk::Ptr<SegmentResolveResult const> SegmentMplsLabel::resolveSegmentOnLFib(
-    SegmentResolver const& r, Mpls::LFib::Route const& route) const {
-  return r.resolveSegmentMplsOnLfibRoute(label_, route);
 }
 
 }  // namespace SrTePolicy

@@ -5,12 +5,13 @@
 #include "Mosk/Reflection.h"
 
 #include "Flicker/Flicker.h"
+#include "SrTePolicy/SrTePolicyTrace.h"
 
 namespace SrTePolicy {
 
 namespace {
 Flicker::TraceHandle traceHandle("SrTePolicySegmentSm");
-constexpr U32 kLevel = 7;
+constexpr char kName[] = "SegmentSm";
 }  // namespace
 
 SegmentSm::SegmentSm(Mosk::Ptr<NotifyingSegmentCollection const> notifyingSegment,
@@ -18,15 +19,11 @@ SegmentSm::SegmentSm(Mosk::Ptr<NotifyingSegmentCollection const> notifyingSegmen
                      Mosk::Ptr<SegmentStatus> segmentStatus,
                      Mosk::Ptr<CoreDedupTables const> coreDedupTables,
                      Mosk::Ptr<SegmentResolver const> segmentResolver)
-    : notifyingSegment_(std::move(notifyingSegment)),
-      mplsStatus_(std::move(mplsStatus)),
-      segmentStatus_(std::move(segmentStatus)),
-      coreDedupTables_(std::move(coreDedupTables)),
-      segmentResolver_(std::move(segmentResolver)) {
-  if (!notifyingSegment_ || !mplsStatus_ || !segmentStatus_ || !coreDedupTables_ ||
-      !segmentResolver_) {
-    Mosk::throwNullValidPtr();
-  }
+    : notifyingSegment_(required(std::move(notifyingSegment), kName, "notifyingSegment")),
+      mplsStatus_(required(std::move(mplsStatus), kName, "mplsStatus")),
+      segmentStatus_(required(std::move(segmentStatus), kName, "segmentStatus")),
+      coreDedupTables_(required(std::move(coreDedupTables), kName, "coreDedupTables")),
+      segmentResolver_(required(std::move(segmentResolver), kName, "segmentResolver")) {
   segmentReactor_ = new SegmentReactor(this);
   segmentReactor_->notifierIs(notifyingSegment_);
   mplsStatusReactor_ = new MplsStatusReactor(this);
@@ -38,14 +35,14 @@ SegmentSm::~SegmentSm() {
 }
 
 void SegmentSm::handleInitialized() {
-  SRTE_TRACE(traceHandle, kLevel, "handleInitialized");
+  SRTE_TRACE(traceHandle, TraceLevel::resolution, "handleInitialized");
   initialized_ = true;
   handleLFibRoute();
 }
 
 void SegmentSm::handleDel() {
   if (!initialized_) return;
-  SRTE_TRACE(traceHandle, kLevel, "handleDel");
+  SRTE_TRACE(traceHandle, TraceLevel::resolution, "handleDel");
   initialized_ = false;
 }
 
@@ -55,23 +52,23 @@ void SegmentSm::handleSegment(Mosk::Ptr<SegmentLifeTimeNotifier const> const& no
   // fault.
   SegmentBase const* segment = notifier->segmentRawPtr();
   SegmentId id = segment->segmentId();
-  SRTE_TRACE(traceHandle, kLevel, "handleSegment segment: " << id);
+  SRTE_TRACE(traceHandle, TraceLevel::resolution, "handleSegment segment: " << id);
   if (notifyingSegment_->segmentNotifier(notifier)) {
     resolveAndUpdateSegmentStatus(*segment);
     return;
   }
-  SRTE_TRACE2(traceHandle, kLevel, "Deleting Segment", "Deleting segment");
+  SRTE_TRACE2(traceHandle, TraceLevel::resolution, "Deleting Segment", "Deleting segment");
   segmentStatus_->statusDel(id);
 }
 
 void SegmentSm::resolveAndUpdateSegmentStatus(SegmentBase const& segment) {
-  SRTE_TRACE(traceHandle, kLevel, "resolveAndUpdateSegmentStatus");
+  SRTE_TRACE(traceHandle, TraceLevel::resolution, "resolveAndUpdateSegmentStatus");
   updateSegmentStatus(segment, segment.resolveSegment(*segmentResolver_));
 }
 
 void SegmentSm::updateSegmentStatus(SegmentBase const& segment,
                                     Mosk::Ptr<SegmentResolveResult const> const& result) {
-  SRTE_TRACE(traceHandle, kLevel, "updateSegmentStatus");
+  SRTE_TRACE(traceHandle, TraceLevel::resolution, "updateSegmentStatus");
   SegmentId id = segment.segmentId();
   if (!result) {
     segmentStatus_->statusDel(id);
@@ -87,7 +84,7 @@ void SegmentSm::updateSegmentStatus(SegmentBase const& segment,
 void SegmentSm::handleLFibRoute(Mpls::RouteKey const& key) {
   if (!initialized_) return;
   SRTE_TRACE2(
-      traceHandle, kLevel, "handleLFibRoute " << key,
+      traceHandle, TraceLevel::resolution, "handleLFibRoute " << key,
       "handleLFibRoute label " << key.topLabel().value() << " source " << key.source().value());
   Mosk::Ptr<SegmentMplsLabel const> segment =
       coreDedupTables_->segDedupTablePtr()->lookupByLabel(key.topLabel());
@@ -102,7 +99,7 @@ void SegmentSm::handleLFibRoute(Mpls::RouteKey const& key) {
 
 void SegmentSm::handleLFibRoute() {
   if (!initialized_) return;
-  SRTE_TRACE(traceHandle, kLevel, "handleLFibRoute");
+  SRTE_TRACE(traceHandle, TraceLevel::resolution, "handleLFibRoute");
   for (auto c = notifyingSegment_->segmentNotifierIter(); c; ++c) {
     // Entries listed with the flag false are not live segments.
     if (!c.value()) continue;

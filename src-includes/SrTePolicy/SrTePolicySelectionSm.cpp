@@ -4,10 +4,10 @@
 
 #include "Mosk/Reflection.h"
 
-#include <cstring>
 #include <string>
 
 #include "Flicker/Flicker.h"
+#include "SrTePolicy/SrTePolicyTrace.h"
 
 namespace SrTePolicy {
 
@@ -17,25 +17,10 @@ Flicker::TraceHandle selectionTrace("SrTePolicySelectionSm");
 
 constexpr U32 kTaskPriority = 2;
 constexpr char kTaskName[] = "SelectionSmTask";
-
-// The binary trace carries an endpoint as the two halves of its sixteen address bytes.
-U64 endpointHalf(PolicyKey const& key, U32 half) {
-  U64 v;
-  std::memcpy(&v, key.endpoint().bytes().data() + 8 * half, sizeof v);
-  return v;
-}
+constexpr char kName[] = "PolicySelectionSm";
 
 Priority priorityOf(PolicyIdEntry const& entry) {
   return Priority(entry.preference(), entry.source(), entry.routerId(), entry.id());
-}
-
-template <class T>
-Mosk::Ptr<T> required(Mosk::Ptr<T> p, char const* argument) {
-  if (!p) {
-    throw Mosk::RangeException(std::string("PolicySelectionSm: the ") + argument +
-                               " argument must not be null");
-  }
-  return p;
 }
 
 }  // namespace
@@ -69,11 +54,11 @@ PolicySelectionSm::PolicySelectionSm(Mosk::Ptr<PolicySelectionInput const> polic
                                      Mosk::Ptr<SegmentListIdToPolicyMap const> segmentListMap,
                                      Mosk::Ptr<EcPolicy> ecPolicy,
                                      Mosk::Ptr<Vell::TaskScheduler> scheduler)
-    : policyId_(required(std::move(policyId), "policyId")),
+    : policyId_(required(std::move(policyId), kName, "policyId")),
       resSegList_(std::move(resSegList)),
-      segmentListMap_(required(std::move(segmentListMap), "segmentListMap")),
-      ecPolicy_(required(std::move(ecPolicy), "ecPolicy")),
-      scheduler_(required(std::move(scheduler), "scheduler")) {}
+      segmentListMap_(required(std::move(segmentListMap), kName, "segmentListMap")),
+      ecPolicy_(required(std::move(ecPolicy), kName, "ecPolicy")),
+      scheduler_(required(std::move(scheduler), kName, "scheduler")) {}
 
 PolicySelectionSm::~PolicySelectionSm() {
   if (!abandoned()) handleDel();
@@ -86,7 +71,7 @@ Mosk::Ptr<PolicyEntry const> PolicySelectionSm::policyIdMap(U32 id) const {
 
 void PolicySelectionSm::handleInitialized() {
   if (initialized_) return;
-  SRTE_TRACE(selectionTrace, 9, "Handling Initialized");
+  SRTE_TRACE(selectionTrace, TraceLevel::detail, "Handling Initialized");
   task_ = Vell::taskFactory(scheduler_, Vell::TaskPriority(kTaskPriority), kTaskName);
   taskReactor_ = new TaskReactor(this);
   taskReactor_->notifierIs(task_);
@@ -106,11 +91,11 @@ void PolicySelectionSm::handleInitialized() {
     for (auto candidate = policy->candidateIter(); candidate; ++candidate) {
       U32 const id = candidate.key().id();
       policyIdMap_.set(id, CandidateRef{candidate.ptr(), policy.ptr()});
-      pendingPolicyId_.set(id, true);
+      pendingPolicyId_.add(id);
     }
   }
   for (auto entry = policyId_->policyIdEntryIterConst(); entry; ++entry) {
-    pendingPolicyId_.set(entry.key(), true);
+    pendingPolicyId_.add(entry.key());
     policyIdEntryIs(entry.key(), entry.ptr());
   }
 
@@ -120,7 +105,7 @@ void PolicySelectionSm::handleInitialized() {
     resSegListReactor_ = new ResSegListReactor(this);
     resSegListReactor_->notifierIs(resSegList_);
   }
-  if (!pendingPolicyId_.empty()) task_->scheduleTask();
+  pendingPolicyId_.scheduleIfPending(*task_);
 }
 
 void PolicySelectionSm::handlePolicyIdEntry(U32 id) {
@@ -137,7 +122,7 @@ void PolicySelectionSm::handlePolicyEntry(U32 id) {
 
 void PolicySelectionSm::handlePolicyEntry(U32 id, PolicyIdEntry const* entry) {
   if (!initialized_) return;
-  SRTE_TRACE(selectionTrace, 9, "Policy: " << id << " has changed");
+  SRTE_TRACE(selectionTrace, TraceLevel::detail, "Policy: " << id << " has changed");
   ResolvedLists resolved;
   if (entry != nullptr) collectResolved(*entry, resolved);
   CandidateRef const* filed = policyIdMap_.find(id);
@@ -149,7 +134,7 @@ void PolicySelectionSm::handlePolicyEntry(U32 id, PolicyIdEntry const* entry) {
   Mosk::Ptr<Policy> policy;
   Mosk::Ptr<PolicyEntry> candidate;
   if (filed != nullptr) {
-    SRTE_TRACE(selectionTrace, 6, "Policy Id: " << id << " is updated");
+    SRTE_TRACE(selectionTrace, TraceLevel::event, "Policy Id: " << id << " is updated");
     policy = &ownerOf(*filed);
     candidate = filed->entry;
     if (candidate->parent() != policy.ptr()) {
@@ -166,7 +151,7 @@ void PolicySelectionSm::handlePolicyEntry(U32 id, PolicyIdEntry const* entry) {
       policyIdMap_.set(id, CandidateRef{candidate, policy});
     }
   } else {
-    SRTE_TRACE(selectionTrace, 6, "Policy Id: " << id << " is added");
+    SRTE_TRACE(selectionTrace, TraceLevel::event, "Policy Id: " << id << " is added");
     policy = ecPolicy_->policyIs(entry->key());
     candidate = policy->candidateIs(priorityOf(*entry));
     policyIdMap_.set(id, CandidateRef{candidate, policy});
@@ -177,7 +162,7 @@ void PolicySelectionSm::handlePolicyEntry(U32 id, PolicyIdEntry const* entry) {
 }
 
 void PolicySelectionSm::removeCandidate(U32 id, CandidateRef ref) {
-  SRTE_TRACE(selectionTrace, 6, "Policy Id: " << id << " will be removed");
+  SRTE_TRACE(selectionTrace, TraceLevel::event, "Policy Id: " << id << " will be removed");
   Policy& policy = ownerOf(ref);
   if (ref.entry->parent() != &policy) {
     traceMissing(id, policy);
@@ -200,11 +185,11 @@ Policy& PolicySelectionSm::ownerOf(CandidateRef const& ref) const {
 
 void PolicySelectionSm::traceMissing(U32 id, Policy const& policy) const {
   PolicyKey const& key = policy.key();
-  SRTE_TRACE2(selectionTrace, 6,
+  SRTE_TRACE2(selectionTrace, TraceLevel::event,
               "policy id: " << id << " of " << key
                             << " missing from candidate list but exist in reference map",
-              "policy id: " << id << " of endpoint " << endpointHalf(key, 0) << ":"
-                            << endpointHalf(key, 1) << " color " << key.color()
+              "policy id: " << id << " of endpoint " << endpointWord(key.endpoint(), 0) << ":"
+                            << endpointWord(key.endpoint(), 1) << " color " << key.color()
                             << " missing from candidate list but exist in reference map");
 }
 
@@ -253,30 +238,32 @@ void PolicySelectionSm::selectNewActive(Policy& policy) {
   auto first = policy.candidateIter();
   if (!first) {
     policy.activeIs(nullptr);
-    SRTE_TRACE2(selectionTrace, 6, "Policy: " << key << " has no candidates for active",
-                "Policy: endpoint " << endpointHalf(key, 0) << ":" << endpointHalf(key, 1)
-                                    << " color " << key.color() << " has no candidates for active");
+    SRTE_TRACE2(selectionTrace, TraceLevel::event,
+                "Policy: " << key << " has no candidates for active",
+                "Policy: endpoint " << endpointWord(key.endpoint(), 0) << ":"
+                                    << endpointWord(key.endpoint(), 1) << " color " << key.color()
+                                    << " has no candidates for active");
     return;
   }
   Mosk::Ptr<PolicyEntry> best = first.ptr();
   Mosk::Ptr<PolicyEntry> current = policy.active();
   Priority const& priority = best->priority();
   if (best == current) {
-    SRTE_TRACE2(selectionTrace, 9,
+    SRTE_TRACE2(selectionTrace, TraceLevel::detail,
                 "Policy: " << key << ", Pri: [" << priority << "] retained as active",
-                "Policy: endpoint " << endpointHalf(key, 0) << ":" << endpointHalf(key, 1)
-                                    << " color " << key.color() << ", Pri: [id " << priority.id()
-                                    << "] retained as active");
+                "Policy: endpoint " << endpointWord(key.endpoint(), 0) << ":"
+                                    << endpointWord(key.endpoint(), 1) << " color " << key.color()
+                                    << ", Pri: [id " << priority.id() << "] retained as active");
     return;
   }
   // A best candidate equal to the active one in everything but its id does not displace it.
   if (current && priority.sameExceptId(current->priority())) return;
   policy.activeIs(best);
-  SRTE_TRACE2(selectionTrace, 6,
+  SRTE_TRACE2(selectionTrace, TraceLevel::event,
               "Policy: " << key << ", Pri: [" << priority << "] is the new active",
-              "Policy: endpoint " << endpointHalf(key, 0) << ":" << endpointHalf(key, 1)
-                                  << " color " << key.color() << ", Pri: [id " << priority.id()
-                                  << "] is the new active");
+              "Policy: endpoint " << endpointWord(key.endpoint(), 0) << ":"
+                                  << endpointWord(key.endpoint(), 1) << " color " << key.color()
+                                  << ", Pri: [id " << priority.id() << "] is the new active");
 }
 
 void PolicySelectionSm::handleBindingSid(U32 id) {
@@ -286,7 +273,7 @@ void PolicySelectionSm::handleBindingSid(U32 id) {
 
 void PolicySelectionSm::handleBindingSid(U32 id, PolicyIdEntry const* entry) {
   if (!initialized_) return;
-  SRTE_TRACE(selectionTrace, 9, "Updating Binding SID for policy Id: " << id);
+  SRTE_TRACE(selectionTrace, TraceLevel::detail, "Updating Binding SID for policy Id: " << id);
   CandidateRef const* filed = policyIdMap_.find(id);
   if (filed == nullptr || entry == nullptr) return;
   Policy& policy = ownerOf(*filed);
@@ -299,53 +286,31 @@ void PolicySelectionSm::handleBindingSid(U32 id, PolicyIdEntry const* entry) {
 
 void PolicySelectionSm::handleResolvedSegmentList(SegmentListId const& segmentListId) {
   if (!initialized_) return;
-  SRTE_TRACE(selectionTrace, 6, "Applying status change of SegmentList Id: " << segmentListId);
+  SRTE_TRACE(selectionTrace, TraceLevel::event,
+             "Applying status change of SegmentList Id: " << segmentListId);
   Mosk::Ptr<SegmentListUser const> user = segmentListMap_->segmentListUser(segmentListId);
   if (user) {
     for (auto id = user->policyIdIter(); id; ++id)
-      pendingPolicyId_.set(id.key().value(), true);
+      pendingPolicyId_.add(id.key().value());
   }
+  // Every status change gets a run, also when no candidate uses the list (a new list resolves
+  // before the input stage registers its user): that run is part of what hosts observe, as a
+  // task run with "Processed 0". The one exception to the rule that an empty queue runs
+  // nothing.
   task_->scheduleTask();
-  SRTE_TRACE(selectionTrace, 9,
+  SRTE_TRACE(selectionTrace, TraceLevel::detail,
              "Scheduled task for handling status change to segmentList " << segmentListId);
 }
 
 void PolicySelectionSm::handleTaskRun() {
   if (!initialized_) return;
-  auto const& pending = pendingPolicyId_;
-  auto next = pendingBookmark_.startFresh() ? pending.cursor()
-                                            : pending.cursorAt(pendingBookmark_.nextId());
-  U32 count = 0;
-  bool yielded = false;
-  while (next) {
-    U32 const id = next.key();
-    handlePolicyEntry(id);
-    pendingPolicyId_.erase(id);
-    ++count;
-    // The cursor finds the entry after the erased one.
-    ++next;
-    if (task_->taskShouldYield()) {
-      yielded = true;
-      break;
-    }
+  auto const slice = pendingPolicyId_.drain(*task_, [this](U32 id) { handlePolicyEntry(id); });
+  if (slice.bookmark) {
+    SRTE_TRACE(selectionTrace, TraceLevel::detail,
+               "PS sm Bookmark placed at Id: " << *slice.bookmark);
   }
-  if (yielded) {
-    if (next) {
-      pendingBookmark_ = PendingIdBookmark(false, next.key());
-      SRTE_TRACE(selectionTrace, 9, "PS sm Bookmark placed at Id: " << next.key());
-    } else {
-      pendingBookmark_ = PendingIdBookmark();
-    }
-  }
-  task_->taskWorkCountInc(count);
-  SRTE_TRACE(selectionTrace, 9, "PS sm Processed " << count << " policy entries");
-  if (pendingPolicyId_.empty()) {
-    pendingBookmark_ = PendingIdBookmark();
-    return;
-  }
-  // Ids remain before where this walk started, or were queued behind it meanwhile.
-  if (!next) pendingBookmark_ = PendingIdBookmark();
-  task_->scheduleTask();
+  SRTE_TRACE(selectionTrace, TraceLevel::detail,
+             "PS sm Processed " << slice.count << " policy entries");
 }
 
 void PolicySelectionSm::handleDel() {
@@ -354,7 +319,6 @@ void PolicySelectionSm::handleDel() {
   pendingPolicyId_.clear();
   policyIdMap_.clear();
   ecPolicy_->policyDelAll();
-  pendingBookmark_ = PendingIdBookmark();
   // Whatever the machine still hears until its reactors go is no longer its business.
   initialized_ = false;
 }
@@ -362,26 +326,13 @@ void PolicySelectionSm::handleDel() {
 // Per-entry reactors.
 
 Mosk::Ptr<PolicySelectionSm::PolicyIdEntryReactor> PolicySelectionSm::policyIdEntry(U32 id) const {
-  Mosk::Ptr<PolicyIdEntryReactor> const* reactor = policyIdEntry_.find(id);
-  return reactor ? *reactor : nullptr;
+  return Mosk::Ptr<PolicyIdEntryReactor>(policyIdEntry_.find(id));
 }
 
 void PolicySelectionSm::policyIdEntryIs(U32 id, Mosk::Ptr<PolicyIdEntry const> const& entry) {
-  if (!entry) {
-    policyIdEntryDel(id);
-    return;
-  }
-  if (Mosk::Ptr<PolicyIdEntryReactor> const* reactor = policyIdEntry_.find(id)) {
-    (*reactor)->notifierIs(entry);
-    return;
-  }
-  Mosk::Ptr<PolicyIdEntryReactor> reactor(new PolicyIdEntryReactor(this, id));
-  reactor->notifierIs(entry);
-  policyIdEntry_.set(id, reactor);
-}
-
-void PolicySelectionSm::policyIdEntryDel(U32 id) {
-  policyIdEntry_.erase(id);
+  policyIdEntry_.follow(id, entry, [&] {
+    return Mosk::Ptr<PolicyIdEntryReactor>(new PolicyIdEntryReactor(this, id));
+  });
 }
 
 // The handlers that tools may call by name (Mosk/Reflection.h).

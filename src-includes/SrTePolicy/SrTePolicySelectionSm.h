@@ -26,10 +26,11 @@
 #include <boost/container/small_vector.hpp>
 
 #include "Mosk/HashMap.h"
+#include "Mosk/ReactorMap.h"
 #include "SrTePolicy/SrTePolicyCoreDedupTable.h"
 #include "SrTePolicy/SrTePolicyEntry.h"
 #include "SrTePolicy/SrTePolicySegmentListStatus.h"
-#include "Vell/Task.h"
+#include "Vell/PendingDrain.h"
 
 namespace SrTePolicy {
 
@@ -106,12 +107,8 @@ class PolicySelectionSm : public StateMachine {
   // The reference map: the candidate filed for a policy id, or null. An id is in the map
   // exactly while its candidate is in EcPolicy.
   Mosk::Ptr<PolicyEntry const> policyIdMap(U32 id) const;
-  U32 policyIdMapCount() const { return policyIdMap_.size(); }
-  // The ids whose selection the task must recompute.
-  bool pendingPolicyId(U32 id) const { return pendingPolicyId_.contains(id); }
+  // The number of ids whose selection the task must recompute.
   U32 pendingPolicyIdCount() const { return pendingPolicyId_.size(); }
-  // Where the task's next walk of the pending ids starts.
-  PendingIdBookmark const& pendingBookmark() const { return pendingBookmark_; }
 
   // Creates the task, takes over what EcPolicy holds (every candidate it finds goes into the
   // reference map; a policy without candidates is dropped), attaches the reactors and queues
@@ -125,11 +122,11 @@ class PolicySelectionSm : public StateMachine {
   void handlePolicyEntry(U32 id);
   // Copies the entry's binding SID into its candidate; does not rerun selection.
   void handleBindingSid(U32 id);
-  // Queues every policy id that uses the segment list and schedules the task.
+  // Queues every policy id that uses the segment list and schedules the task, also when there
+  // is none.
   void handleResolvedSegmentList(SegmentListId const& segmentListId);
-  // One slice of the pending walk: handles pending ids from the bookmark on until the
-  // scheduler asks for a yield, then places the bookmark behind the last id handled and
-  // schedules itself again while ids remain.
+  // One slice of the pending walk (Vell/PendingDrain.h): handles pending ids from the bookmark
+  // on until the scheduler asks for a yield; the next run resumes behind the last id handled.
   void handleTaskRun();
   // Unschedules the task and clears the queue, the reference map and EcPolicy.
   void handleDel();
@@ -146,7 +143,7 @@ class PolicySelectionSm : public StateMachine {
   Mosk::Ptr<PolicyIdEntryReactor> policyIdEntry(U32 id) const;
   U32 policyIdEntryCount() const { return policyIdEntry_.size(); }
   void policyIdEntryIs(U32 id, Mosk::Ptr<PolicyIdEntry const> const& entry);
-  void policyIdEntryDel(U32 id);
+  void policyIdEntryDel(U32 id) { policyIdEntry_.erase(id); }
   void policyIdEntryDelAll() { policyIdEntry_.clear(); }
 
  private:
@@ -183,11 +180,10 @@ class PolicySelectionSm : public StateMachine {
 
   Mosk::Ptr<Vell::Task> task_;
   Mosk::HashMap<U32, CandidateRef> policyIdMap_;
-  Mosk::HashMap<U32, bool> pendingPolicyId_;
-  PendingIdBookmark pendingBookmark_;
+  Vell::PendingDrain<U32> pendingPolicyId_;
 
   Mosk::Ptr<PolicyIdReactor> policyIdReactor_;
-  Mosk::HashMap<U32, Mosk::Ptr<PolicyIdEntryReactor>> policyIdEntry_;
+  Mosk::ReactorMap<U32, PolicyIdEntryReactor> policyIdEntry_;
   Mosk::Ptr<ResSegListReactor> resSegListReactor_;
   Mosk::Ptr<TaskReactor> taskReactor_;
 };

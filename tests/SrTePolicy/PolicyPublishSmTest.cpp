@@ -143,35 +143,6 @@ TEST_F(PublishSm, FiveHundredElevenListsPublishAndFiveHundredTwelveFail) {
   EXPECT_EQ(watcher.events, before + 4) << "the failed FEC was committed or stalled the others";
 }
 
-// Catches a drain that restarts from the first pending key instead of the bookmark, and a
-// bookmark left placed once the walk reached the end.
-TEST_F(PublishSm, YieldingRunResumesAtTheBookmark) {
-  scheduler->yieldPolicyIs(Vell::YieldPolicy::fixedCount(2));
-  start();
-  for (U32 n = 1; n <= 5; ++n)
-    activate(keyOf(n), n, {n});
-  clock->advance(0.05);
-  scheduler->runOne();  // two keys, then the bookmark
-  ASSERT_FALSE(sm->pendingBookmark().startFresh());
-  PolicyKey const next = sm->pendingBookmark().nextKey();
-  EXPECT_EQ(trace.count("Bookmark placed at Endpoint: " + Mosk::valueToStrep(next.endpoint()) +
-                        " color: " + Mosk::valueToStrep(next.color())),
-            1);
-  std::vector<PolicyKey> done;
-  for (U32 n = 1; n <= 5; ++n)
-    if (status->status(keyOf(n))) done.push_back(keyOf(n));
-  ASSERT_EQ(done.size(), 2u);
-  ecPolicy->policy(done[0])->active()->bindingSidIs(Ludd::MplsLabel(99));  // pending again
-  trace.lines.clear();
-  scheduler->runOne();
-  EXPECT_EQ(trace.count(activeLine(next)), 1) << "the second run did not start at the bookmark";
-  EXPECT_EQ(trace.count(activeLine(done[0])), 0);
-  scheduler->runDue();
-  EXPECT_EQ(status->statusCount(), 5u);
-  EXPECT_EQ(status->status(done[0])->bindingSid(), Ludd::MplsLabel(99));
-  EXPECT_TRUE(sm->pendingBookmark().startFresh());
-}
-
 // Catches a start-up that keeps what an earlier instance published or waits out the delay
 // before the first publication, and a teardown that leaves FECs behind.
 TEST_F(PublishSm, StartUpWipesAndRepublishesAndTeardownWithdraws) {

@@ -1,5 +1,5 @@
 // The policy selection state machine, wired by hand to its inputs: eligibility, the choice of
-// the active candidate, moves, status changes through the task and its bookmark, takeover of
+// the active candidate, moves, status changes through the task, takeover of
 // an existing EcPolicy, and its failure handling.
 #include <gtest/gtest.h>
 
@@ -17,16 +17,6 @@ using Mosk::Ptr;
 using Tunnel::TunnelTable::TunnelId;
 
 namespace {
-
-// The ids handled since the last call, in order.
-std::vector<U32> handled(TraceLines& trace) {
-  std::vector<U32> ids;
-  for (auto const& l : trace.lines) {
-    if (l.ends_with(" has changed")) ids.push_back(std::stoul(l.substr(8)));
-  }
-  trace.lines.clear();
-  return ids;
-}
 
 // Counts the moments at which a policy's active entry is not one of its candidates.
 struct ActiveWatcher : Policy::NotifieeConst {
@@ -180,36 +170,6 @@ TEST_F(PolicySelection, RestartReconcilesFoundCandidatesAndTeardownWipesThem) {
   EXPECT_EQ(ec->policyCount(), 0u);
 }
 
-// Catches a walk that starts over instead of resuming behind the last handled id (a re-queued
-// early id would run again before the others), an id handled twice or not at all, and a run
-// that yields after the last entry without resetting the bookmark.
-TEST_F(PolicySelection, BookmarkResumesBehindTheLastHandledId) {
-  start(0);
-  for (U32 id = 1; id <= 6; ++id) {
-    path(id, 100, 10 + id);
-    path(id, 100, 1);
-  }
-  scheduler->yieldPolicyIs(Vell::YieldPolicy::fixedCount(2));
-  trace.lines.clear();
-  resolve(1);
-  scheduler->runOne();
-  U32 mark = sm->pendingBookmark().nextId();
-  EXPECT_EQ(trace.exactly("PS sm Bookmark placed at Id: " + std::to_string(mark)), 1);
-  EXPECT_EQ(trace.exactly("PS sm Processed 2 policy entries"), 1);
-  std::vector<U32> first = handled(trace);
-  resolve(10 + first[0]);
-  scheduler->runOne();
-  EXPECT_NE(handled(trace).front(), first[0]) << "the walk started over";
-  scheduler->runOne();
-  EXPECT_EQ(handled(trace).size(), 2u);
-  EXPECT_TRUE(sm->pendingBookmark().startFresh()) << "yielded after the last entry";
-  scheduler->runOne();
-  EXPECT_EQ(handled(trace), std::vector<U32>{first[0]});
-  EXPECT_EQ(policy()->candidateCount(), 6u);
-}
-
-// Catches a candidate removed behind the machine's back being re-filed or dropped from the
-// reference map instead of traced and left alone.
 // Catches: the public eligibility question answered by another rule than the one the machine
 // files candidates by (eligible once any one of its lists has a status).
 TEST_F(PolicySelection, PolicyHasResolvedSegmentListAsksForAnyOneResolvedList) {
@@ -221,6 +181,8 @@ TEST_F(PolicySelection, PolicyHasResolvedSegmentListAsksForAnyOneResolvedList) {
   EXPECT_TRUE(sm->policyHasResolvedSegmentList(*e));
 }
 
+// Catches a candidate removed behind the machine's back being re-filed or dropped from the
+// reference map instead of traced and left alone.
 TEST_F(PolicySelection, CandidateMissingFromItsPolicyIsTracedAndLeftAlone) {
   start();
   auto e = path(1, 100, 1);

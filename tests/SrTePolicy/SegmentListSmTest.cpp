@@ -189,31 +189,6 @@ TEST_F(SegmentListSmTest, ReResolutionKeepsTheTunnelIdAndTheTunnelIsWrittenFirst
   order->notifierIs(nullptr);
 }
 
-// Faults: a slice that ignores the yield, a list processed in two slices or dropped, a run
-// that processes nothing.
-TEST_F(SegmentListSmTest, SlicesEndAtTheYieldAndEveryQueuedListRunsOnce) {
-  sm->handleInitialized();
-  std::vector<Ptr<SegmentList>> lists;
-  for (U32 i = 0; i < 7; ++i)
-    lists.push_back(list({100, 1000 + i}));
-  adjacency(5, {mplsVia(eth1, "10.0.0.2", 900)});
-  TraceLines trace("SrTePolicySegmentListSm");
-  resolve(100, adj(5));
-  scheduler->yieldPolicyIs(Vell::YieldPolicy::fixedCount(3));
-  std::vector<U32> perRun;
-  while (scheduler->runOne())
-    perRun.push_back(listStatus->statusCount());
-  EXPECT_EQ(perRun, (std::vector<U32>{3, 6, 7}));
-  for (Ptr<SegmentList> const& l : lists) {
-    std::string id = std::to_string(l->segmentListId().value());
-    EXPECT_EQ(trace.exactly("Add new status for SegmentList [" + id + "]"), 1) << id;
-  }
-  scheduler->yieldPolicyIs(Vell::YieldPolicy::fixedCount(1));
-  resolve(100, adj(6));
-  EXPECT_TRUE(scheduler->runOne());
-  EXPECT_EQ(sm->pendingSegmentListCount(), 6u) << "at least, and here exactly, one per run";
-}
-
 // Faults: a new machine keeping what an earlier instance published; handleDel leaving outputs.
 TEST_F(SegmentListSmTest, RestartWipesAndRebuildsAndHandleDelClears) {
   sm->handleInitialized();
