@@ -71,8 +71,9 @@ TEST_F(SegmentStore, LookupByLabelNeverInserts) {
 TEST_F(SegmentStore, LookupByLabelAgreesWithTheTableThroughEveryChange) {
   SegmentDedupTable const& store = *tables->segDedupTablePtr();
   Vell::DedupHashTable& table = *store.dedupTable();
-  Ptr<SegmentLifeTimeNotifiee> ours = tables->segLifeTimeNotifiee();
-  auto other = Ptr<SegmentLifeTimeNotifiee>(
+  auto ours = Mosk::ptrCast<SegmentLifeTimeNotifiee const>(table.lifeTimeNotifiee());
+  ASSERT_TRUE(ours);
+  auto other = Ptr<SegmentLifeTimeNotifiee const>(
       new SegmentLifeTimeNotifiee(notifyingSegmentCollectionFactory("other")));
   auto agree = [&](std::string const& step) {
     for (U32 label = 0; label < 24; ++label) {
@@ -93,7 +94,7 @@ TEST_F(SegmentStore, LookupByLabelAgreesWithTheTableThroughEveryChange) {
   std::mt19937 rng(7);
   // Each phase registers a notifiee (or none), then inserts and releases segments at random.
   for (auto const& [phase, notifiee] :
-       std::vector<std::pair<char const*, Ptr<SegmentLifeTimeNotifiee>>>{
+       std::vector<std::pair<char const*, Ptr<SegmentLifeTimeNotifiee const>>>{
            {"registered", ours},
            {"another registered", other},
            {"registered again", ours},
