@@ -39,6 +39,7 @@
 #include "SrTePolicy/SrTePolicySegmentListSm.h"
 #include "SrTePolicy/SrTePolicySegmentSm.h"
 #include "SrTePolicy/SrTePolicySelectionSm.h"
+#include "SrTePolicy/SrTePolicySource.h"
 #include "SrTePolicy/SrTePolicyStatic.h"
 #include "StaticConfigAgent.h"
 #include "Tunnel/TunnelTable.h"
