@@ -13,20 +13,6 @@ constexpr char const* kMachineNames[] = {
     "PolicyPublishSm", "SrTePolicyLfibGenSm", "SegmentListExportSm",
 };
 
-char const* sourceTableName(PolicySource source) {
-  switch (source) {
-    case PolicySource::sourceStatic:
-      return "srte-static";
-    case PolicySource::sourceBgp:
-      return "srte-bgp";
-    case PolicySource::sourcePcep:
-      return "srte-pcep";
-    case PolicySource::sourceOther:
-      return "srte-other";
-  }
-  return "srte-source";
-}
-
 Vell::ManualClock* manualClock(Mosk::Ptr<Vell::Clock> const& clock) {
   auto* manual = dynamic_cast<Vell::ManualClock*>(clock.ptr());
   if (manual == nullptr) throw Mosk::RangeException("the agent's clock is not a manual clock");
@@ -95,7 +81,7 @@ void SrTePolicyAgent::buildStore() {
   adjIdxAlloc_ = MplsHelper::lfibGenAdjIdxAllocatorFactory();
   // The configuration agent writes the static source's table, which it creates when absent.
   Mosk::Ptr<PolicyInput> staticTable = tables_[static_cast<U8>(PolicySource::sourceStatic)];
-  if (!staticTable) staticTable = policyInputFactory(sourceTableName(PolicySource::sourceStatic));
+  if (!staticTable) staticTable = policyInputFactory(defaultTableName(PolicySource::sourceStatic));
   staticConfigAgent_ = staticConfigAgentFactory(config_, staticTable);
   // The activity lives in the process: a new process starts it over from what EcPolicy holds.
   activity_ = policyActivityFactory("policyActivity");
@@ -245,7 +231,7 @@ Mosk::Ptr<PolicyInput> SrTePolicyAgent::sourceTable(PolicySource source) const {
 
 Mosk::Ptr<PolicyInput> SrTePolicyAgent::sourceTableIs(PolicySource source) {
   if (Mosk::Ptr<PolicyInput> existing = sourceTable(source)) return existing;
-  Mosk::Ptr<PolicyInput> table = policyInputFactory(sourceTableName(source));
+  Mosk::Ptr<PolicyInput> table = policyInputFactory(defaultTableName(source));
   sourceTableIs(source, table);
   return table;
 }

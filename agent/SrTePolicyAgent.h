@@ -39,6 +39,7 @@
 #include "SrTePolicy/SrTePolicySegmentListSm.h"
 #include "SrTePolicy/SrTePolicySegmentSm.h"
 #include "SrTePolicy/SrTePolicySelectionSm.h"
+#include "SrTePolicy/SrTePolicySource.h"
 #include "SrTePolicy/SrTePolicyStatic.h"
 #include "StaticConfigAgent.h"
 #include "Tunnel/TunnelTable.h"
@@ -143,14 +144,11 @@ class SrTePolicyAgent {
   Mosk::Ptr<Mpls::Status> bsidLfib() const { return lfibStatus_->lfib(); }
   Mosk::Ptr<Export::SegmentListCollection> const& exportedSegmentLists() const { return exported_; }
 
-  // The machines, for inspection (null only while one is being restarted).
-  Mosk::Ptr<PolicyInputSm> const& policyInputSm() const { return inputSm_; }
-  Mosk::Ptr<SegmentSm> const& segmentSm() const { return segmentSm_; }
+  // The machines whose queues a host reads to know the pipeline is idle (null only while one is
+  // being restarted).
   Mosk::Ptr<SegmentListSm> const& segmentListSm() const { return segmentListSm_; }
   Mosk::Ptr<PolicySelectionSm> const& policySelectionSm() const { return selectionSm_; }
   Mosk::Ptr<PolicyPublishSm> const& policyPublishSm() const { return publishSm_; }
-  Mosk::Ptr<SrTePolicyLfibGenSm> const& lfibGenSm() const { return lfibGenSm_; }
-  Mosk::Ptr<SegmentListExportSm> const& segmentListExportSm() const { return exportSm_; }
 
   // Restarts.
   // An orderly restart of one machine: its teardown runs, then a new one is built and started.

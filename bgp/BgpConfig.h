@@ -16,6 +16,7 @@
 
 #include "Ludd/IpAddr.h"
 #include "Mosk/Types.h"
+#include "SrTePolicy/SrTePolicySource.h"
 
 namespace SrTeBgp {
 
@@ -37,7 +38,7 @@ struct SpeakerConfig {
   Ludd::IpGenAddr listenAddress = Ludd::IpAddr();
   // Null: no listener. 0: the system picks a port (srte-bgp says which).
   std::optional<U16> listenPort = U16(179);
-  std::string table = "srte-bgp";
+  std::string table = SrTePolicy::defaultTableName(SrTePolicy::PolicySource::sourceBgp);
   // The most candidate paths the table holds when srte-bgp creates it.
   U32 capacity = 16384;
   std::vector<PeerConfig> peers;

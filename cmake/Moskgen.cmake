@@ -2,8 +2,9 @@
 # declaration and adds the generated header and source to <target>. Output lands in the build
 # tree under the declaration's directory relative to <dir>, so a declaration
 # <dir>/SrTePolicy/X.mosk is included as "SrTePolicy/X.h".
-set(MOSKGEN ${CMAKE_SOURCE_DIR}/tools/moskgen/moskgen.py)
-file(GLOB MOSKGEN_SOURCES ${CMAKE_SOURCE_DIR}/tools/moskgen/*.py)
+# The generator (moskgen/ beside this file) is part of the build, not a tool one runs by hand.
+set(MOSKGEN ${CMAKE_CURRENT_LIST_DIR}/moskgen/moskgen.py)
+file(GLOB MOSKGEN_SOURCES ${CMAKE_CURRENT_LIST_DIR}/moskgen/*.py)
 
 function(moskgen_generate target base_kw base)
   foreach(decl ${ARGN})

@@ -6,8 +6,8 @@
 // in the checks. The same text read twice gives the same settings.
 #include "AgentConfig.h"
 #include "Fuzz.h"
+#include "ScenarioLoad.h"
 #include "ScenarioReader.h"
-#include "ScenarioRunner.h"
 
 extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
   std::string const text(Fuzz::text(data, size));

@@ -12,9 +12,9 @@
 #include <vector>
 
 #include "Fuzz.h"
-#include "ScenarioExplain.h"
 #include "ScenarioReader.h"
 #include "ScenarioRunner.h"
+#include "StateExplain.h"
 #include "StateSync.h"
 
 namespace {
@@ -77,7 +77,7 @@ Genuine const& genuine() {
 }
 
 std::string shown(SrTeStateSync::MountedState const& m) {
-  std::string s = SrTeScenario::explainState(m.view(), true).dump();
+  std::string s = SrTeView::explainState(m.view(), true).dump();
   s += m.status()->agentEnabled() ? " enabled" : " disabled";
   s += " dscp colors " + std::to_string(m.colorDscpMap()->colorToDscpCount());
   return s;

@@ -1,11 +1,10 @@
-// The host: static configuration flowing through the pipeline, and restarts of every kind
-// leading back to the same forwarding state.
+// The host: static configuration flowing through the pipeline, and the memory of the active
+// candidates (since when, how often) through settled changes and restarts of every kind.
 #include <gtest/gtest.h>
 
 #include <array>
 #include <sstream>
 
-#include "PublishedState.h"
 #include "SrTePolicyAgent.h"
 
 using namespace SrTePolicy;
@@ -118,7 +117,11 @@ TEST_F(Agent, StaticConfigurationFlowsThroughThePipelineAndFollowsChanges) {
   EXPECT_EQ(agent.sourceTable(PolicySource::sourceStatic)->policyInputEntryCount(), 0u);
 }
 
-TEST_F(Agent, EveryKindOfRestartLeadsBackToTheSameForwardingState) {
+// Catches: an orderly restart, which empties what a machine wrote and builds it again, counted
+// as changes of the active candidates; a restarted process that carries the old counts on
+// instead of dating what it finds active at its start. (That every restart leads back to the
+// same forwarding state is RestartEquivalenceTest's and the restarts scenario's.)
+TEST_F(Agent, RestartsKeepTheActivityAndANewProcessCountsAfresh) {
   routeUp(16001, 1, "10.0.0.2");
   routeUp(17001, 2, "10.0.1.2");
   candidate(PolicySource::sourceBgp, 1, "192.0.2.1", 200, 900001, {{16001, 16002}, {17001}});
@@ -129,38 +132,23 @@ TEST_F(Agent, EveryKindOfRestartLeadsBackToTheSameForwardingState) {
       ->candidatePathIs(Preference(10))
       ->segmentListIs(MplsLabelOperation{17001, 16001}, Weight(1));
   agent.advanceUntilIdle();
-  std::string before = publishedState(agent);
-  ASSERT_NE(before.find("192.0.2.1"), std::string::npos) << before;
-  ASSERT_NE(before.find("192.0.2.3"), std::string::npos) << before;
-  // Catches: an orderly restart, which empties what a machine wrote and builds it again,
-  // counted as changes of the active candidates.
   std::string activeBefore = activities();
   ASSERT_EQ(agent.policyActivity()->policyCount(), 3u) << activeBefore;
 
   for (Machine m : allMachines) {
     agent.restart(m);
     agent.advanceUntilIdle();
-    EXPECT_EQ(publishedState(agent), before) << "after restarting " << machineName(m);
     EXPECT_EQ(activities(), activeBefore) << "after restarting " << machineName(m);
   }
   agent.restartPipeline();
   agent.advanceUntilIdle();
-  EXPECT_EQ(publishedState(agent), before) << "after restarting the pipeline";
   EXPECT_EQ(activities(), activeBefore) << "after restarting the pipeline";
-  // A new process counts afresh and dates what it finds active at its start.
   agent.advance(2.0);
   std::ostringstream restartedAt;
   restartedAt << agent.clock()->now();
   agent.restartAgent();
   agent.advanceUntilIdle();
-  EXPECT_EQ(publishedState(agent), before) << "after restarting the agent";
   EXPECT_EQ(activity("192.0.2.1"), "1/1 since " + restartedAt.str() + " x0");
-
-  // And the pipeline still follows its inputs afterwards.
-  agent.sourceTableDel(PolicySource::sourceBgp);
-  agent.advanceUntilIdle();
-  EXPECT_EQ(agent.policyStatus()->status(key("192.0.2.1"))->id(),
-            PolicyId::make(PolicySource::sourcePcep, 1).value());
 }
 
 TEST_F(Agent, ActivityCountsAndDatesSettledChangesOfTheActiveCandidate) {

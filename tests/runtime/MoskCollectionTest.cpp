@@ -44,42 +44,31 @@ void walkPositions(U32 end, Visit const& f, std::function<bool(U32)> const& has)
   }
 }
 
-struct HashMapKind {
-  using C = Mosk::HashMap<U32, U32>;
+// A map of values (set/erase) and a map of elements (insert/erase), each walked by its cursor.
+template <class Map>
+struct ValueMapKind {
+  using C = Map;
   static void put(C& c, U32 k) { c.set(k, k + 1); }
   static void del(C& c, U32 k) { c.erase(k); }
   static bool has(C const& c, U32 k) { return c.contains(k); }
   static U32 size(C const& c) { return c.size(); }
   static void walk(C& c, Visit const& f) { walkCursor(c, f); }
 };
-
+template <class Map>
+struct ElementMapKind {
+  using C = Map;
+  static void put(C& c, U32 k) { c.insert(Mosk::Ptr<Elem>(new Elem(k))); }
+  static void del(C& c, U32 k) { c.erase(k); }
+  static bool has(C const& c, U32 k) { return c.find(k) != nullptr; }
+  static U32 size(C const& c) { return c.size(); }
+  static void walk(C& c, Visit const& f) { walkCursor(c, f); }
+};
+using HashMapKind = ValueMapKind<Mosk::HashMap<U32, U32>>;
 // A map with room for three entries inside itself; the walks below hold fifty.
-struct InlineHashMapKind {
-  using C = Mosk::HashMap<U32, U32, Mosk::KeyHash<U32>, std::less<U32>, 3>;
-  static void put(C& c, U32 k) { c.set(k, k + 1); }
-  static void del(C& c, U32 k) { c.erase(k); }
-  static bool has(C const& c, U32 k) { return c.contains(k); }
-  static U32 size(C const& c) { return c.size(); }
-  static void walk(C& c, Visit const& f) { walkCursor(c, f); }
-};
-
-struct EntityHashMapKind {
-  using C = Mosk::EntityHashMap<U32, Elem, Elem::KeyOf>;
-  static void put(C& c, U32 k) { c.insert(Mosk::Ptr<Elem>(new Elem(k))); }
-  static void del(C& c, U32 k) { c.erase(k); }
-  static bool has(C const& c, U32 k) { return c.find(k) != nullptr; }
-  static U32 size(C const& c) { return c.size(); }
-  static void walk(C& c, Visit const& f) { walkCursor(c, f); }
-};
-
-struct RbTreeMapKind {
-  using C = Mosk::RbTreeMap<U32, Elem, Elem::KeyOf>;
-  static void put(C& c, U32 k) { c.insert(Mosk::Ptr<Elem>(new Elem(k))); }
-  static void del(C& c, U32 k) { c.erase(k); }
-  static bool has(C const& c, U32 k) { return c.find(k) != nullptr; }
-  static U32 size(C const& c) { return c.size(); }
-  static void walk(C& c, Visit const& f) { walkCursor(c, f); }
-};
+using InlineHashMapKind =
+    ValueMapKind<Mosk::HashMap<U32, U32, Mosk::KeyHash<U32>, std::less<U32>, 3>>;
+using EntityHashMapKind = ElementMapKind<Mosk::EntityHashMap<U32, Elem, Elem::KeyOf>>;
+using RbTreeMapKind = ElementMapKind<Mosk::RbTreeMap<U32, Elem, Elem::KeyOf>>;
 
 struct DynArrayKind {
   using C = Mosk::DynArray<U32>;

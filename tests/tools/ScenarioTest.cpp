@@ -1,11 +1,10 @@
-// The scenario library: the reader's refusals (with their paths) and its bookkeeping of ids and
-// changes across steps, and the platform loader's rule that next hops in use are published
-// under a new index rather than rewritten in place.
+// The scenario reader: its refusals of what earlier steps removed (with their paths) and its
+// bookkeeping of ids and changes across steps. What a scenario does once read (the platform
+// loader's moves of next hops in use, a library error recorded with its step) is shown by the
+// scenarios under tests/scenarios/, and each refusal of a single value by those under bad/.
 #include <gtest/gtest.h>
 
-#include "ScenarioPlatform.h"
 #include "ScenarioReader.h"
-#include "ScenarioRunner.h"
 
 using namespace SrTeScenario;
 
@@ -75,87 +74,6 @@ TEST(ScenarioReader, AllocatesIdsAroundGivenOnesAndMergesChanges) {
   EXPECT_EQ(change.preference.value(), 7u);
   EXPECT_EQ(change.endpoint, Ludd::IpGenAddr::parse("192.0.2.1"));
   EXPECT_EQ(change.policyId().value(), 0x80000006u);
-}
-
-class Platform : public ::testing::Test {
- protected:
-  Mosk::Ptr<Mpls::Status> lfib = Mpls::statusFactory("lfib");
-  Mosk::Ptr<Skerry::Fib::ForwardingStatus> fwd = Skerry::Fib::forwardingStatusFactory("fwd");
-  Mosk::Ptr<Skerry::Fib6::ForwardingStatus> fwd6 = Skerry::Fib6::forwardingStatusFactory("fwd6");
-  Mpls::AdjacencyKey adjacencyOf(U32 label) {
-    return lfib->lfibRoute(Mpls::RouteKey(Ludd::MplsLabel(label), Mpls::LFib::Source(1)))
-        .adjacencyKey();
-  }
-};
-
-// Catches: next hops rewritten under the index a route points at, which no reactor hears, so
-// the tunnels built over them would keep the old next hops.
-TEST_F(Platform, NextHopsInUseMoveToANewIndexAndTheRouteFollows) {
-  Scenario s = read(R"("steps": [
-      {"platform": {"adjacencies": [{"index": 1, "vias": [{"interface": "Ethernet2",
-          "nextHop": "10.0.2.2", "label": 16001}]}]}},
-      {"platform": {"adjacencies": [{"index": 7, "vias": []}]}},
-      {"platform": {"adjacencies": [{"index": 7, "vias": [{"interface": "Ethernet7",
-          "nextHop": "10.0.7.2", "label": 16001}]}]}}])");
-  PlatformLoader loader(lfib, fwd, fwd6, s.ceiling);
-  loader.apply(s.platform);
-  EXPECT_EQ(adjacencyOf(16001).index(), 1u);
-
-  std::vector<PlatformMove> notes =
-      loader.apply(std::get<ChangePlatform>(s.steps[0].action).change);
-  ASSERT_EQ(notes.size(), 1u);
-  EXPECT_EQ(loader.adjacencyIndex(1), 8u);  // above the largest index the scenario names (7)
-  EXPECT_EQ(adjacencyOf(16001), Mpls::AdjacencyKey(8, Mpls::AdjacencyKind::adjacency));
-  EXPECT_FALSE(lfib->lfibAdjacency(1));
-  EXPECT_EQ(lfib->lfibAdjacency(8)->via().begin()->intf(), Ludd::IntfId::parse("Ethernet2"));
-
-  // An adjacency that no route uses is rewritten where it is.
-  loader.apply(std::get<ChangePlatform>(s.steps[1].action).change);
-  EXPECT_TRUE(loader.apply(std::get<ChangePlatform>(s.steps[2].action).change).empty());
-  EXPECT_EQ(loader.adjacencyIndex(7), 7u);
-  EXPECT_EQ(lfib->lfibAdjacency(7)->via().viaCount(), 1u);
-}
-
-// Catches: a FEC rewritten in place behind an external FEC adjacency; the new FEC must be
-// published under a new id, the adjacency moved to it (itself under a new index) and the
-// route re-pointed.
-TEST_F(Platform, ChangedFecMovesWithItsAdjacencyAndRoute) {
-  Scenario s = readScenarioText(R"({"platform": {
-      "fecs": [{"family": "ipv6", "index": 2, "vias": [{"interface": "Ethernet1",
-          "nextHop": "2001:db8::1"}]}],
-      "extFecAdjacencies": [{"index": 3, "fec": {"family": "ipv6", "index": 2}}],
-      "routes": [{"label": 17000, "adjacency": {"kind": "extFec", "index": 3}}]},
-    "steps": [{"platform": {"fecs": [{"family": "ipv6", "index": 2, "vias": [
-        {"interface": "Ethernet2", "nextHop": "2001:db8::2"}]}]}}]})",
-                                "fec.json");
-  PlatformLoader loader(lfib, fwd, fwd6, s.ceiling);
-  loader.apply(s.platform);
-  loader.apply(std::get<ChangePlatform>(s.steps[0].action).change);
-  Fib::FecId moved = PlatformLoader::fecId(Family::ipv6, 3);
-  EXPECT_EQ(loader.fecIndex(Family::ipv6, 2), 3u);
-  EXPECT_EQ(fwd6->fec(PlatformLoader::fecId(Family::ipv6, 2)), Fib::Fec());
-  EXPECT_EQ(fwd6->fec(moved).viaCount(), 1u);
-  EXPECT_EQ(adjacencyOf(17000), Mpls::AdjacencyKey(4, Mpls::AdjacencyKind::extFec));
-  EXPECT_EQ(lfib->lfibExtFecAdjacency(4)->fecId(), moved);
-  EXPECT_FALSE(lfib->lfibExtFecAdjacency(3));
-}
-
-// Catches: a library error that ends the run, or one that is not reported with its step.
-TEST(ScenarioRunner, ALibraryErrorIsRecordedAndTheNextStepRuns) {
-  ScenarioRunner runner(read(R"("sources": {"bgp": {"candidates": [
-      {"endpoint": "192.0.2.1", "color": 1, "segmentLists": [{"labels": [16001, 5]}]}]}},
-      "steps": [{"change": {"source": "bgp", "id": 1, "endpoint": "192.0.2.2"}},
-                {"add": {"source": "bgp", "endpoint": "192.0.2.3", "color": 1,
-                         "segmentLists": [{"labels": [16001, 5]}]}}])"));
-  runner.start();
-  OrderedJson failed = runner.runStep(0);
-  EXPECT_NE(failed["error"].get<std::string>().find("Reinstantiating the entity"),
-            std::string::npos);
-  OrderedJson next = runner.runStep(1);
-  EXPECT_FALSE(next.contains("error"));
-  EXPECT_TRUE(runner.failed());
-  OrderedJson end = runner.finish();
-  EXPECT_EQ(end["state"]["policyFecs"].size(), 2u);
 }
 
 }  // namespace

@@ -6,7 +6,6 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/mman.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -324,49 +323,6 @@ TEST(AgentProcess, ATableAppearingAndVanishingAddsThenRemovesExactlyItsPolicies)
   EXPECT_EQ(tail[tail.size() - 2]["event"], "stopping");
   EXPECT_EQ(tail[tail.size() - 2]["reason"], "SIGTERM");
   EXPECT_TRUE(agent.next(std::chrono::milliseconds(1000)).is_null()) << "a line after stopped";
-  Skerry::shmTableRemove(table);
-}
-
-// Faults: the daemon dying, or reporting damage, when a source is killed in the middle of its
-// writes; the state after the next writer's repair not reaching the output.
-TEST(AgentProcess, ASourceKilledWhileWritingLeavesTheDaemonRunningAndConsistent) {
-  std::string const table = "srte-test-" + std::to_string(::getpid()) + "-crash";
-  Skerry::shmTableRemove(table);
-  TableRemoval removal{table};
-  AgentProcess agent({"--platform", SRTE_EXAMPLES "/01-two-sources.json", "--source",
-                      "bgp=" + table, "--poll-ms", "2"});
-  agent.until("started");
-  // Rewrites one candidate path as fast as it can until it is killed.
-  pid_t writer = TestSupport::forkChild([&] {
-    PolicyInputShmWriter w(table);
-    PolicyInputEntry e(PolicyId::make(PolicySource::sourceBgp, 1));
-    e.endpointIs(Ludd::IpGenAddr::parse("192.0.2.1"));
-    e.colorIs(Color(100));
-    e.segmentListPush(WeightedSegList(Weight(1), Ludd::MplsLabelOperation{16002}));
-    for (U32 i = 0;; ++i) {
-      e.bindingSidIs(Ludd::MplsLabel(900000 + i % 1000));
-      w.put(e);
-    }
-  });
-  OrderedJson l;
-  do {
-    l = agent.next();
-  } while (!l.is_null() && l["event"] != "policy");
-  ASSERT_FALSE(l.is_null()) << "the writer's candidate path never came through";
-  ::kill(writer, SIGKILL);
-  ::waitpid(writer, nullptr, 0);
-
-  ASSERT_EQ(runSource({"--table", table, "--source", "bgp", "change", "--id", "1", "--binding-sid",
-                       "800001"}),
-            0);
-  for (l = agent.next(); !l.is_null(); l = agent.next()) {
-    EXPECT_NE(l["event"], "error") << l.dump();
-    EXPECT_NE(l["event"], "source-corrupt") << l.dump();
-    if (l["event"] == "policy" && l["bindingSid"] == 800001) break;
-  }
-  ASSERT_FALSE(l.is_null()) << "the repaired table's change never came through";
-  EXPECT_EQ(l["change"], "changed");
-  EXPECT_EQ(agent.terminate(), 0);
   Skerry::shmTableRemove(table);
 }
 

@@ -19,7 +19,7 @@
 #include "StateServer.h"
 
 using namespace SrTeStateSync;
-using SrTeScenario::OrderedJson;
+using SrTeView::OrderedJson;
 
 namespace {
 
@@ -65,7 +65,7 @@ class StateSyncTest : public ::testing::Test {
     return done();
   }
   static OrderedJson shown(StateClient const& c) {
-    return SrTeScenario::explainState(c.state().view(), false);
+    return SrTeView::explainState(c.state().view(), false);
   }
 
   boost::asio::io_context io_;
@@ -83,16 +83,16 @@ TEST_F(StateSyncTest, ReaderFollowsEveryStepAndALateReaderGetsTheSameState) {
     auto server = serve(run->agent());
     auto early = reader();
     ASSERT_TRUE(until([&] { return early->synced(); })) << early->lastTrouble();
-    EXPECT_EQ(shown(*early), withoutTime(SrTeScenario::explainState(run->agent(), false)));
+    EXPECT_EQ(shown(*early), withoutTime(SrTeView::explainState(run->agent(), false)));
     for (std::size_t i = 0; i < run->scenario().steps.size(); ++i) {
       run->runStep(i);
       server->publish();
-      OrderedJson want = withoutTime(SrTeScenario::explainState(run->agent(), false));
+      OrderedJson want = withoutTime(SrTeView::explainState(run->agent(), false));
       EXPECT_TRUE(until([&] { return shown(*early) == want; })) << "after step " << i + 1;
     }
     run->finish();
     server->publish();
-    OrderedJson want = withoutTime(SrTeScenario::explainState(run->agent(), false));
+    OrderedJson want = withoutTime(SrTeView::explainState(run->agent(), false));
     EXPECT_TRUE(until([&] { return shown(*early) == want; }));
     EXPECT_EQ(early->generation(), 1u) << "the reader resynchronised: " << early->lastTrouble();
 
@@ -135,7 +135,7 @@ TEST_F(StateSyncTest, ReadersJoiningAtAnyMomentShowTheAgentsState) {
     if (rng() % 8 == 0 && !readers.empty()) readers.erase(readers.begin() + rng() % readers.size());
     if (step % 25 != 24) continue;
     server->publish();
-    OrderedJson const want = withoutTime(SrTeScenario::explainState(run->agent(), false));
+    OrderedJson const want = withoutTime(SrTeView::explainState(run->agent(), false));
     for (auto const& r : readers) {
       ASSERT_TRUE(until([&] { return r->synced() && shown(*r) == want; }))
           << "step " << step << ": " << r->lastTrouble();
@@ -204,7 +204,7 @@ TEST_F(StateSyncTest, ReaderReconnectsToARestartedAgentIntoFreshCopies) {
   second->finish();
   server = serve(second->agent());
   ASSERT_TRUE(until([&] { return c->generation() == 2; })) << c->lastTrouble();
-  EXPECT_EQ(shown(*c), withoutTime(SrTeScenario::explainState(second->agent(), false)));
+  EXPECT_EQ(shown(*c), withoutTime(SrTeView::explainState(second->agent(), false)));
   EXPECT_NE(shown(*c), before);
 }
 

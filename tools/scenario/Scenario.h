@@ -213,10 +213,4 @@ struct Scenario {
   IndexCeiling ceiling;
 };
 
-// "static", "bgp", "pcep", "other".
-char const* sourceName(SrTePolicy::PolicySource source);
-std::optional<SrTePolicy::PolicySource> sourceByName(std::string const& name);
-// "bgp/3": a candidate by its source and the index bits of its policy id.
-std::string candidateName(SrTePolicy::PolicyId id);
-
 }  // namespace SrTeScenario

@@ -21,6 +21,7 @@
 #include "Mpls/MplsStatus.h"
 #include "Scenario.h"
 #include "Skerry/ForwardingStatus.h"
+#include "StateExplain.h"
 
 namespace SrTeScenario {
 
@@ -34,7 +35,7 @@ struct PlatformMove {
   std::string text;
 };
 
-class PlatformLoader {
+class PlatformLoader : public SrTeView::EntryNames {
  public:
   PlatformLoader(Mosk::Ptr<Mpls::Status> lfib, Mosk::Ptr<Skerry::Fib::ForwardingStatus> fwd,
                  Mosk::Ptr<Skerry::Fib6::ForwardingStatus> fwd6, IndexCeiling ceiling = {});
@@ -50,8 +51,8 @@ class PlatformLoader {
     return current(family == Family::ipv4 ? fec4_ : fec6_, name);
   }
   // The scenario's number for a published index (the index itself when it was never moved).
-  U64 adjacencyName(U64 index) const { return nameOf(adjacency_, index); }
-  U64 extFecName(U64 index) const { return nameOf(extFec_, index); }
+  U64 adjacencyName(U64 index) const override { return nameOf(adjacency_, index); }
+  U64 extFecName(U64 index) const override { return nameOf(extFec_, index); }
 
   static Fib::FecId fecId(Family family, U64 index);
 

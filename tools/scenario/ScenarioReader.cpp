@@ -25,6 +25,8 @@
 namespace SrTeScenario {
 
 using SrTePolicy::PolicySource;
+using SrTePolicy::sourceByName;
+using SrTePolicy::sourceName;
 using Json = nlohmann::json;
 
 ScenarioError::ScenarioError(std::string file, std::string path, std::string reason)
@@ -33,32 +35,6 @@ ScenarioError::ScenarioError(std::string file, std::string path, std::string rea
       file_(std::move(file)),
       path_(std::move(path)),
       reason_(std::move(reason)) {}
-
-char const* sourceName(PolicySource source) {
-  switch (source) {
-    case PolicySource::sourceStatic:
-      return "static";
-    case PolicySource::sourceBgp:
-      return "bgp";
-    case PolicySource::sourcePcep:
-      return "pcep";
-    case PolicySource::sourceOther:
-      return "other";
-  }
-  return "?";
-}
-
-std::optional<PolicySource> sourceByName(std::string const& name) {
-  for (PolicySource s : {PolicySource::sourceStatic, PolicySource::sourceBgp,
-                         PolicySource::sourcePcep, PolicySource::sourceOther}) {
-    if (name == sourceName(s)) return s;
-  }
-  return std::nullopt;
-}
-
-std::string candidateName(SrTePolicy::PolicyId id) {
-  return std::string(sourceName(id.source())) + "/" + std::to_string(id.index());
-}
 
 namespace {
 

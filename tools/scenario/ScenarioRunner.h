@@ -12,7 +12,7 @@
 //
 // Every call returns a record (ordered JSON): what the step did, what it changed (active
 // candidates, published policies, segment-list resolution), errors and notes, and for `show`
-// steps and at the end the explained state (ScenarioExplain.h).
+// steps and at the end the explained state (StateExplain.h).
 #pragma once
 
 #include <map>
@@ -20,18 +20,14 @@
 #include <optional>
 
 #include "Scenario.h"
-#include "ScenarioExplain.h"
+#include "ScenarioLoad.h"
 #include "ScenarioPlatform.h"
 #include "SrTePolicyAgent.h"
+#include "StateExplain.h"
 
 namespace SrTeScenario {
 
-// Fills a new in-process table with `table`'s candidate paths and attaches it for its source
-// (replacing the table the source had).
-void attachSourceTable(SrTePolicy::SrTePolicyAgent& agent, SourceTable const& table);
-// Makes the agent's static configuration what `config` says: policies, paths and lists that
-// it does not name are removed, the others written.
-void applyStaticConfig(SrTePolicy::SrTePolicyAgent& agent, StaticConfig const& config);
+using SrTeView::OrderedJson;
 
 class ScenarioRunner {
  public:

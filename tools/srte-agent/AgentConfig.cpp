@@ -5,9 +5,9 @@
 #include <sstream>
 
 #include "MetricsServer.h"
-#include "ScenarioExplain.h"
 #include "ScenarioReader.h"
 #include "Skerry/ShmTable.h"
+#include "StateExplain.h"
 #include "StateSync.h"
 
 namespace SrTeDaemon {
@@ -73,13 +73,13 @@ std::vector<SourceOption> sourcesOf(Field const& f) {
   std::vector<SourceOption> out;
   for (auto const& item : f.value.items()) {
     Field s = f.at(item.key());
-    std::optional<PolicySource> source = SrTeScenario::sourceByName(item.key());
+    std::optional<PolicySource> source = SrTePolicy::sourceByName(item.key());
     if (!source || *source == PolicySource::sourceStatic) {
       s.fail("'" + item.key() +
              "' is not a source that writes a table (bgp, pcep or other; static policies go "
              "under \"static\")");
     }
-    SourceOption o{*source, defaultTable(*source), std::nullopt};
+    SourceOption o{*source, SrTePolicy::defaultTableName(*source), std::nullopt};
     s.requireObject("a source: {\"table\": NAME, \"user\": USER}, both optional");
     for (auto const& kv : s.value.items()) {
       Field v = s.at(kv.key());
@@ -97,7 +97,7 @@ std::vector<SourceOption> sourcesOf(Field const& f) {
     }
     for (SourceOption const& other : out) {
       if (other.table == o.table) {
-        s.at("table").fail("table '" + o.table + "' is " + SrTeScenario::sourceName(other.source) +
+        s.at("table").fail("table '" + o.table + "' is " + SrTePolicy::sourceName(other.source) +
                            "'s too (one writer per table)");
       }
     }
@@ -234,7 +234,7 @@ std::string policyText(SrTeScenario::StaticPolicy const& p) {
   for (SrTeScenario::StaticPath const& path : p.paths) {
     os << " | " << path.preference.value() << " " << path.bindingSid.value();
     for (SrTeScenario::WeightedLabels const& l : path.segmentLists)
-      os << " [" << l.weight.value() << ": " << SrTeScenario::stackText(l.labels) << "]";
+      os << " [" << l.weight.value() << ": " << SrTeView::stackText(l.labels) << "]";
   }
   return os.str();
 }
@@ -273,7 +273,7 @@ std::string configSummary(DaemonOptions const& o) {
   }
   out += ", " + count(o.colorDscp.size(), "color", "colors") + ", sources";
   for (SourceOption const& s : o.sources)
-    out += std::string(" ") + SrTeScenario::sourceName(s.source) + "=" + s.table;
+    out += std::string(" ") + SrTePolicy::sourceName(s.source) + "=" + s.table;
   out += ", platform " + o.platform.value_or("none");
   out += ", socket " + o.socket.value_or("none");
   out += ", metrics " + o.metrics.value_or("none");
@@ -295,7 +295,7 @@ std::vector<std::string> staticConfigChanges(SrTeScenario::StaticConfig const& b
   for (auto const& [key, t] : texts) {
     if (t.first == t.second) continue;
     char const* what = t.first.empty() ? "added" : t.second.empty() ? "removed" : "changed";
-    out.push_back("static policy " + SrTeScenario::keyName(key) + ": " + what);
+    out.push_back("static policy " + SrTeView::keyName(key) + ": " + what);
   }
   return out;
 }

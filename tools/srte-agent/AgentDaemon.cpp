@@ -11,9 +11,9 @@
 
 #include "AgentConfig.h"
 #include "Flicker/Flicker.h"
-#include "ScenarioExplain.h"
+#include "ScenarioLoad.h"
 #include "ScenarioReader.h"
-#include "ScenarioRunner.h"
+#include "StateExplain.h"
 
 namespace SrTeDaemon {
 
@@ -148,7 +148,7 @@ void AgentDaemon::start() {
   f["platform"] = options_.platform ? OrderedJson(*options_.platform) : OrderedJson(nullptr);
   OrderedJson sources = OrderedJson::array();
   for (SourceOption const& s : options_.sources) {
-    sources.push_back({{"source", SrTeScenario::sourceName(s.source)}, {"table", s.table}});
+    sources.push_back({{"source", SrTePolicy::sourceName(s.source)}, {"table", s.table}});
   }
   f["sources"] = std::move(sources);
   f["pollMs"] = options_.pollMs;
@@ -305,7 +305,7 @@ void AgentDaemon::applySources(DaemonOptions const& next, std::vector<std::strin
       kept.push_back(std::move(watcher));
       continue;
     }
-    changes.push_back(std::string("source ") + SrTeScenario::sourceName(watcher->option().source) +
+    changes.push_back(std::string("source ") + SrTePolicy::sourceName(watcher->option().source) +
                       " " + watcher->option().table + ": no longer read");
     watcher->release();
   }
@@ -314,7 +314,7 @@ void AgentDaemon::applySources(DaemonOptions const& next, std::vector<std::strin
     bool const running = std::any_of(sources_.begin(), sources_.end(),
                                      [&](auto const& w) { return same(o, w->option()); });
     if (running) continue;
-    changes.push_back(std::string("source ") + SrTeScenario::sourceName(o.source) + " " + o.table +
+    changes.push_back(std::string("source ") + SrTePolicy::sourceName(o.source) + " " + o.table +
                       ": read");
     sources_.push_back(std::make_unique<SourceWatcher>(*agent_, *log_, o));
   }

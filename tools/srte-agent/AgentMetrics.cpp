@@ -3,7 +3,7 @@
 
 #include <cstdio>
 
-#include "Scenario.h"
+#include "SrTePolicy/SrTePolicySource.h"
 
 #ifndef SRTE_VERSION
 #define SRTE_VERSION "unknown"
@@ -136,7 +136,7 @@ std::string AgentMetrics::exposition(
       auto const i = static_cast<std::size_t>(s);
       Mosk::Ptr<SrTePolicy::PolicyInput> table = agent->sourceTable(s);
       U64 const total = table ? table->policyInputEntryCount() : 0;
-      std::string const source = std::string("source=\"") + SrTeScenario::sourceName(s) + "\"";
+      std::string const source = std::string("source=\"") + SrTePolicy::sourceName(s) + "\"";
       e.sample("srte_candidate_paths", source + ",state=\"active\"", counts.activeBySource[i]);
       e.sample("srte_candidate_paths", source + ",state=\"valid\"",
                minus(counts.eligibleBySource[i], counts.activeBySource[i]));
@@ -169,8 +169,8 @@ std::string AgentMetrics::exposition(
            "Whether the table of a source is attached (1) or waited for (0).");
   for (auto const& s : sources) {
     e.sample("srte_source_attached",
-             std::string("source=\"") + SrTeScenario::sourceName(s->option().source) +
-                 "\",table=\"" + escaped(s->option().table) + "\"",
+             std::string("source=\"") + SrTePolicy::sourceName(s->option().source) + "\",table=\"" +
+                 escaped(s->option().table) + "\"",
              U64(s->attached() ? 1 : 0));
   }
 

@@ -5,7 +5,6 @@
 #include <set>
 
 #include "MetricsServer.h"
-#include "Scenario.h"
 #include "Skerry/ShmTable.h"
 #include "StateSync.h"
 
@@ -116,7 +115,7 @@ SourceOption sourceOption(std::string const& text) {
     throw UsageError("--source: '" + text + "' is not NAME=TABLE (for example bgp=srte-bgp)");
   }
   std::string const name = text.substr(0, eq);
-  std::optional<PolicySource> source = SrTeScenario::sourceByName(name);
+  std::optional<PolicySource> source = SrTePolicy::sourceByName(name);
   if (!source || *source == PolicySource::sourceStatic) {
     throw UsageError("--source: '" + name +
                      "' is not a source that writes a table (bgp, pcep or other; the static "
@@ -128,10 +127,6 @@ SourceOption sourceOption(std::string const& text) {
 }
 
 }  // namespace
-
-std::string defaultTable(PolicySource source) {
-  return std::string("srte-") + SrTeScenario::sourceName(source);
-}
 
 DaemonOptions parseDaemonOptions(std::vector<std::string> const& args) {
   DaemonOptions o;
@@ -209,20 +204,20 @@ DaemonOptions parseDaemonOptions(std::vector<std::string> const& args) {
       SourceOption given = sourceOption(value);
       for (SourceOption const& s : o.sources) {
         if (s.source == given.source) {
-          throw UsageError("--source: " + std::string(SrTeScenario::sourceName(given.source)) +
+          throw UsageError("--source: " + std::string(SrTePolicy::sourceName(given.source)) +
                            " given twice");
         }
         if (s.table == given.table) {
           throw UsageError("--source: table '" + given.table + "' given for both " +
-                           SrTeScenario::sourceName(s.source) + " and " +
-                           SrTeScenario::sourceName(given.source) + " (one writer per table)");
+                           SrTePolicy::sourceName(s.source) + " and " +
+                           SrTePolicy::sourceName(given.source) + " (one writer per table)");
         }
       }
       o.sources.push_back(std::move(given));
     } else if (name == "--source-user") {
       std::size_t const eq = value.find('=');
       std::optional<PolicySource> source =
-          eq == std::string::npos ? std::nullopt : SrTeScenario::sourceByName(value.substr(0, eq));
+          eq == std::string::npos ? std::nullopt : SrTePolicy::sourceByName(value.substr(0, eq));
       if (!source) {
         throw UsageError("--source-user: '" + value + "' is not NAME=USER (for example bgp=bgpd)");
       }
@@ -260,7 +255,7 @@ void finishDaemonOptions(DaemonOptions& o) {
   if (o.sources.empty() && !o.scenario && !o.noSources) {
     for (PolicySource s :
          {PolicySource::sourceBgp, PolicySource::sourcePcep, PolicySource::sourceOther}) {
-      o.sources.push_back({s, defaultTable(s), std::nullopt});
+      o.sources.push_back({s, SrTePolicy::defaultTableName(s), std::nullopt});
     }
   }
   std::set<PolicySource> usersGiven;
@@ -268,11 +263,11 @@ void finishDaemonOptions(DaemonOptions& o) {
     auto it = std::find_if(o.sources.begin(), o.sources.end(),
                            [source = source](SourceOption const& s) { return s.source == source; });
     if (it == o.sources.end()) {
-      throw UsageError(std::string("--source-user: source ") + SrTeScenario::sourceName(source) +
+      throw UsageError(std::string("--source-user: source ") + SrTePolicy::sourceName(source) +
                        " is not read");
     }
     if (!usersGiven.insert(source).second) {
-      throw UsageError(std::string("--source-user: ") + SrTeScenario::sourceName(source) +
+      throw UsageError(std::string("--source-user: ") + SrTePolicy::sourceName(source) +
                        " given twice");
     }
     it->user = uid;

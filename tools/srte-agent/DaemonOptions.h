@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "Scenario.h"
-#include "SrTePolicy/SrTePolicyTypes.h"
+#include "SrTePolicy/SrTePolicySource.h"
 
 namespace SrTeDaemon {
 
@@ -93,8 +93,5 @@ void finishDaemonOptions(DaemonOptions& options);
 void checkTableName(std::string const& where, std::string const& table);
 // U32 from decimal text within [min, max] (UsageError naming `option`).
 U32 optionNumber(std::string const& option, std::string const& text, U32 min, U32 max);
-
-// "srte-bgp": the table a source writes unless told otherwise (srte-source's default too).
-std::string defaultTable(SrTePolicy::PolicySource source);
 
 }  // namespace SrTeDaemon

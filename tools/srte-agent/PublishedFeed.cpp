@@ -3,8 +3,7 @@
 
 #include <algorithm>
 
-#include "Scenario.h"
-#include "ScenarioExplain.h"
+#include "StateExplain.h"
 
 namespace SrTeDaemon {
 
@@ -161,10 +160,10 @@ U32 PublishedFeed::flush() {
 
 std::string PublishedFeed::itemName(Item const& item) {
   if (auto const* key = std::get_if<PolicyKey>(&item)) {
-    return "policy " + SrTeScenario::keyName(*key);
+    return "policy " + SrTeView::keyName(*key);
   }
   if (auto const* fec = std::get_if<Fib::FecId>(&item)) {
-    return "fec " + SrTeScenario::fecName(*fec);
+    return "fec " + SrTeView::fecName(*fec);
   }
   Mpls::RouteKey const& route = std::get<Mpls::RouteKey>(item);
   std::string name = "route " + std::to_string(route.topLabel().value());
@@ -204,14 +203,14 @@ OrderedJson PublishedFeed::policyState(PolicyKey const& key) const {
   OrderedJson out;
   out["endpoint"] = Mosk::valueToStrep(key.endpoint());
   out["color"] = key.color().value();
-  out["candidate"] = SrTeScenario::candidateName(SrTePolicy::PolicyId(entry->id()));
+  out["candidate"] = SrTeView::candidateName(SrTePolicy::PolicyId(entry->id()));
   out["bindingSid"] = labelOrNull(entry->bindingSid());
   out["fec"] = entry->srTePolicyFecId().isNone()
                    ? OrderedJson(nullptr)
-                   : OrderedJson(SrTeScenario::fecName(entry->srTePolicyFecId()));
+                   : OrderedJson(SrTeView::fecName(entry->srTePolicyFecId()));
   OrderedJson tunnels = OrderedJson::array();
   for (auto const& [tunnel, weight] : weightsOf(*entry))
-    tunnels.push_back({{"tunnel", SrTeScenario::tunnelName(tunnel)}, {"weight", weight}});
+    tunnels.push_back({{"tunnel", SrTeView::tunnelName(tunnel)}, {"weight", weight}});
   out["tunnels"] = std::move(tunnels);
   return out;
 }
@@ -234,10 +233,10 @@ OrderedJson PublishedFeed::fecState(Fib::FecId const& id) const {
   std::sort(vias.begin(), vias.end(),
             [](auto const& a, auto const& b) { return a.first < b.first; });
   OrderedJson out;
-  out["fec"] = SrTeScenario::fecName(id);
+  out["fec"] = SrTeView::fecName(id);
   OrderedJson list = OrderedJson::array();
   for (auto const& [tunnel, weight] : vias)
-    list.push_back({{"tunnel", SrTeScenario::tunnelName(tunnel)}, {"weight", weight}});
+    list.push_back({{"tunnel", SrTeView::tunnelName(tunnel)}, {"weight", weight}});
   out["vias"] = std::move(list);
   return out;
 }
@@ -250,7 +249,7 @@ OrderedJson PublishedFeed::routeState(Mpls::RouteKey const& key) const {
   out["label"] = key.topLabel().value();
   if (key.source().value() != bsidRouteSource) out["source"] = key.source().value();
   auto adj = lfib->lfibExtFecAdjacency(Mpls::Status::getExtFecAdjacency(route));
-  out["fec"] = adj ? OrderedJson(SrTeScenario::fecName(adj->fecId())) : OrderedJson(nullptr);
+  out["fec"] = adj ? OrderedJson(SrTeView::fecName(adj->fecId())) : OrderedJson(nullptr);
   return out;
 }
 

@@ -3,7 +3,7 @@
 
 #include <unistd.h>
 
-#include "Scenario.h"
+#include "SrTePolicy/SrTePolicySource.h"
 
 namespace SrTeDaemon {
 
@@ -22,7 +22,7 @@ SourceWatcher::SourceWatcher(SrTePolicy::SrTePolicyAgent& agent, EventLog& log, 
 
 OrderedJson SourceWatcher::fields() const {
   OrderedJson f;
-  f["source"] = SrTeScenario::sourceName(option_.source);
+  f["source"] = SrTePolicy::sourceName(option_.source);
   f["table"] = option_.table;
   return f;
 }

@@ -12,8 +12,8 @@
 #include <sstream>
 #include <string>
 
-#include "ScenarioRender.h"
 #include "StateClient.h"
+#include "StateRender.h"
 
 namespace {
 
@@ -93,13 +93,13 @@ int main(int argc, char** argv) {
   int status = kExitOk;
   std::string lastPrinted;
   auto print = [&] {
-    SrTeScenario::OrderedJson state = SrTeScenario::explainState(client.state().view(), false);
+    SrTeView::OrderedJson state = SrTeView::explainState(client.state().view(), false);
     std::string out;
     if (json) {
       out = state.dump(2) + "\n";
     } else {
       std::ostringstream os;
-      SrTeScenario::renderTextState(os, state, "srte-agent at " + path);
+      SrTeView::renderTextState(os, state, "srte-agent at " + path);
       out = os.str();
     }
     if (out == lastPrinted) return;

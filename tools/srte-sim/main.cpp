@@ -8,8 +8,8 @@
 
 #include "Flicker/Flicker.h"
 #include "ScenarioReader.h"
-#include "ScenarioRender.h"
 #include "ScenarioRunner.h"
+#include "StateRender.h"
 
 namespace {
 
@@ -101,9 +101,9 @@ int main(int argc, char** argv) {
   }
 
   SrTeScenario::ScenarioRunner runner(std::move(scenario));
-  SrTeScenario::OrderedJson records = SrTeScenario::OrderedJson::array();
-  auto emit = [&](SrTeScenario::OrderedJson record) {
-    if (format == Format::text) SrTeScenario::renderTextRecord(std::cout, record);
+  SrTeView::OrderedJson records = SrTeView::OrderedJson::array();
+  auto emit = [&](SrTeView::OrderedJson record) {
+    if (format == Format::text) SrTeView::renderTextRecord(std::cout, record);
     records.push_back(std::move(record));
   };
   if (format == Format::text) {
@@ -120,14 +120,14 @@ int main(int argc, char** argv) {
 
   int status = runner.failed() ? kExitStepFailed : kExitOk;
   if (format == Format::json) {
-    SrTeScenario::OrderedJson doc;
+    SrTeView::OrderedJson doc;
     doc["scenario"] = file;
     doc["description"] = runner.scenario().description;
     doc["records"] = records;
     doc["exitStatus"] = status;
     std::cout << doc.dump(2) << "\n";
   } else if (format == Format::dot) {
-    SrTeScenario::renderDot(std::cout, records.back()["state"]);
+    SrTeView::renderDot(std::cout, records.back()["state"]);
   } else if (runner.failed()) {
     std::cout << "\nsome steps failed (see \"error:\" above); exit status 1\n";
   }

@@ -16,9 +16,9 @@
 
 #include <nlohmann/json.hpp>
 
-#include "Scenario.h"
 #include "ScenarioReader.h"
 #include "SrTePolicy/SrTePolicyInputShm.h"
+#include "SrTePolicy/SrTePolicySource.h"
 
 using namespace SrTePolicy;
 using Json = nlohmann::json;
@@ -190,7 +190,7 @@ WeightedSegList segmentListOf(std::string const& text) {
 }
 
 PolicySource sourceOf(std::string const& text) {
-  std::optional<PolicySource> source = SrTeScenario::sourceByName(text);
+  std::optional<PolicySource> source = SrTePolicy::sourceByName(text);
   if (!source) badInput("--source: '" + text + "' is not a source (static, bgp, pcep or other)");
   return *source;
 }
@@ -426,7 +426,7 @@ Json jsonOf(PolicyInputEntry const& e) {
 std::string textOf(PolicyInputEntry const& e) {
   std::ostringstream os;
   os << "id " << e.key().index() << " (policy id " << e.key().value() << ", "
-     << SrTeScenario::sourceName(e.key().source()) << "): endpoint " << e.endpoint() << " color "
+     << SrTePolicy::sourceName(e.key().source()) << "): endpoint " << e.endpoint() << " color "
      << e.color().value() << " preference " << e.preference().value() << " router-id "
      << e.routerId() << " binding-sid ";
   if (e.bindingSid().isNone()) {
@@ -472,8 +472,7 @@ class Session {
     for (auto const& [id, e] : records_) {
       if (id.source() != source_) {
         refused("table '" + table_ + "' holds candidate paths of source " +
-                SrTeScenario::sourceName(id.source()) + ", not " +
-                SrTeScenario::sourceName(source_));
+                SrTePolicy::sourceName(id.source()) + ", not " + SrTePolicy::sourceName(source_));
       }
     }
   }
@@ -698,7 +697,7 @@ int run(int argc, char** argv) {
       return 0;
     }
   }
-  if (!a.table && a.source) a.table = "srte-" + *a.source;
+  if (!a.table && a.source) a.table = SrTePolicy::defaultTableName(sourceOf(*a.source));
   if (!a.table) badInput("--table is required (or --source, for the table srte-SOURCE)");
   try {
     (void)Skerry::shmTablePath(*a.table);  // refuses a bad name before anything else

@@ -161,7 +161,7 @@ class FecFeed final : public KeyedFeed<Fib::FecId> {
   Ptr<Watcher> watcher_;
 };
 
-void writeListInfo(LogWriter& w, SrTeScenario::SegmentListInfo const& info) {
+void writeListInfo(LogWriter& w, SrTeView::SegmentListInfo const& info) {
   w.u8(static_cast<U8>(info.labels.size()));
   for (std::size_t i = 0; i < info.labels.size(); ++i) {
     w.u32(info.labels[i]);
@@ -227,7 +227,7 @@ class DirectoryFeed final : public KeyedFeed<U32> {
     Ptr<SrTePolicy::SegmentListUser const> user =
         map_->segmentListUser(SrTePolicy::SegmentListId(id));
     w.u8(user ? 1 : 0);
-    if (user) writeListInfo(w, SrTeScenario::segmentListInfo(*user));
+    if (user) writeListInfo(w, SrTeView::segmentListInfo(*user));
   }
 
   Ptr<SrTePolicy::SegmentListIdToPolicyMap const> map_;
@@ -485,12 +485,12 @@ struct MountedState::FecSink final : Sink {
 };
 
 struct MountedState::DirectorySink final : Sink {
-  explicit DirectorySink(SrTeScenario::SegmentListDirectory& d) : dir(d) {}
+  explicit DirectorySink(SrTeView::SegmentListDirectory& d) : dir(d) {}
   void apply(FrameKind kind, U8 const* body, std::size_t size) override {
-    auto decoded = readKeyedBody<U32, SrTeScenario::SegmentListInfo>(
+    auto decoded = readKeyedBody<U32, SrTeView::SegmentListInfo>(
         body, size, [](LogReader& r) { return r.u32("segment-list id"); },
         [](LogReader& r, U32 const&) {
-          SrTeScenario::SegmentListInfo info;
+          SrTeView::SegmentListInfo info;
           U8 n = r.u8("label count");
           if (n > 6) r.fail("label count " + std::to_string(n) + ", more than a stack holds");
           for (U8 i = 0; i < n; ++i) {
@@ -514,7 +514,7 @@ struct MountedState::DirectorySink final : Sink {
     }
     sequencer.applied(decoded.sequence);
   }
-  SrTeScenario::SegmentListDirectory& dir;
+  SrTeView::SegmentListDirectory& dir;
   Sequencer sequencer;
 };
 
@@ -577,8 +577,8 @@ void MountedState::apply(Channel channel, FrameKind kind, U8 const* body, std::s
   if (kind == FrameKind::snapshot) served_[slot(channel)] = true;
 }
 
-SrTeScenario::StateView MountedState::view() const {
-  SrTeScenario::StateView v;
+SrTeView::StateView MountedState::view() const {
+  SrTeView::StateView v;
   v.selectionInput = selectionInput_;
   v.keyToIdMap = keyToIdMap_;
   v.segmentLists = &segmentLists_;

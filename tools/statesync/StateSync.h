@@ -24,13 +24,13 @@
 
 #include "Mosk/Replication.h"
 #include "Mpls/MplsStatus.h"
-#include "ScenarioExplain.h"
 #include "Skerry/ForwardingStatus.h"
 #include "SrTePolicy/SrTeColorDscpMap.h"
 #include "SrTePolicy/SrTePolicy.h"
 #include "SrTePolicy/SrTePolicyExportTypes.h"
 #include "SrTePolicy/SrTePolicyStatic.h"
 #include "SrTePolicyAgent.h"
+#include "StateExplain.h"
 
 namespace SrTeStateSync {
 
@@ -141,7 +141,7 @@ class MountedState {
   bool served(Channel channel) const { return served_[static_cast<std::size_t>(channel)]; }
 
   // The view the explanation reads (ScenarioExplain.h), over these copies.
-  SrTeScenario::StateView view() const;
+  SrTeView::StateView view() const;
 
   Mosk::Ptr<SrTePolicy::Status> const& status() const { return status_; }
   Mosk::Ptr<SrTePolicy::Config> const& config() const { return config_; }
@@ -153,7 +153,7 @@ class MountedState {
   }
   Mosk::Ptr<Skerry::Fib::ForwardingStatus> const& forwardingStatus() const { return fwd_; }
   Mosk::Ptr<Skerry::Fib::ForwardingStatus> const& srteFwdStatus() const { return srteFwd_; }
-  SrTeScenario::SegmentListDirectory const& segmentLists() const { return segmentLists_; }
+  SrTeView::SegmentListDirectory const& segmentLists() const { return segmentLists_; }
   Mosk::Ptr<SrTePolicy::PolicyActivity> const& policyActivity() const { return activity_; }
 
  private:
@@ -179,7 +179,7 @@ class MountedState {
   Mosk::Ptr<Skerry::Fib::ForwardingStatus> fwd_;
   Mosk::Ptr<Skerry::Fib6::ForwardingStatus> fwd6_;
   Mosk::Ptr<Skerry::Fib::ForwardingStatus> srteFwd_;
-  SrTeScenario::SegmentListDirectory segmentLists_;
+  SrTeView::SegmentListDirectory segmentLists_;
   Mosk::Ptr<SrTePolicy::PolicyActivity> activity_;
   Mosk::Ptr<SrTePolicy::SegmentResolver> resolver_;
 

@@ -22,10 +22,9 @@
 #include <string>
 #include <vector>
 
-#include "ScenarioPlatform.h"
 #include "SrTePolicyAgent.h"
 
-namespace SrTeScenario {
+namespace SrTeView {
 
 using OrderedJson = nlohmann::ordered_json;
 
@@ -68,17 +67,26 @@ struct StateView {
   Mosk::Ptr<SrTePolicy::PolicyActivity const> activity;
 };
 
-// The state that `view` shows. `platform` also lists the platform's tables; `loader`, when
-// given, names entries by their scenario numbers where those differ from their index.
-OrderedJson explainState(StateView const& view, bool platform,
-                         PlatformLoader const* loader = nullptr);
+// How a host numbers the platform's entries when its numbers differ from their indexes (the
+// simulator's scenario numbers, once a next-hop change moved an entry to a fresh index).
+class EntryNames {
+ public:
+  virtual ~EntryNames() = default;
+  virtual U64 adjacencyName(U64 index) const = 0;
+  virtual U64 extFecName(U64 index) const = 0;
+};
 
-// The state of `agent` at this moment, through a view of its entities. `platform` also lists the
-// platform's tables; `loader`, when given, names entries by their scenario numbers where those
-// differ from their index.
+// The state that `view` shows. `platform` also lists the platform's tables; `names`, when
+// given, adds the host's number to entries where it differs from their index.
+OrderedJson explainState(StateView const& view, bool platform, EntryNames const* names = nullptr);
+
+// The state of `agent` at this moment, through a view of its entities; `platform` and `names` as
+// above.
 OrderedJson explainState(SrTePolicy::SrTePolicyAgent const& agent, bool platform,
-                         PlatformLoader const* loader = nullptr);
+                         EntryNames const* names = nullptr);
 
+// "bgp/3": a candidate by its source and the index bits of its policy id.
+std::string candidateName(SrTePolicy::PolicyId id);
 // Readable names: "srTeSegmentList:3", "srTePolicy:0", "ipv4:7", "192.0.2.1 color 100".
 std::string tunnelName(Tunnel::TunnelTable::TunnelId const& id);
 std::string fecName(Fib::FecId const& id);
@@ -92,4 +100,4 @@ OrderedJson nextHopJson(Tunnel::TunnelTable::MplsVia const& via);
 // Adds "policy", "endpoint" and "color" of the policy `key` names (nulls when none) to `out`.
 void policyRefJson(OrderedJson& out, std::optional<SrTePolicy::PolicyKey> const& key);
 
-}  // namespace SrTeScenario
+}  // namespace SrTeView

@@ -1,4 +1,4 @@
-#include "ScenarioRender.h"
+#include "StateRender.h"
 
 #include <cmath>
 #include <cstdio>
@@ -6,7 +6,7 @@
 #include <map>
 #include <set>
 
-namespace SrTeScenario {
+namespace SrTeView {
 
 namespace {
 
@@ -262,4 +262,4 @@ void renderDot(std::ostream& os, OrderedJson const& state) {
   os << "}\n";
 }
 
-}  // namespace SrTeScenario
+}  // namespace SrTeView

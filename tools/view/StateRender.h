@@ -1,13 +1,13 @@
 // The renderers of the runner's records (ScenarioRunner.h) and of an explained state
-// (ScenarioExplain.h): text for a person, and Graphviz. JSON needs no renderer: the records
+// (StateExplain.h): text for a person, and Graphviz. JSON needs no renderer: the records
 // are JSON already.
 #pragma once
 
 #include <ostream>
 
-#include "ScenarioExplain.h"
+#include "StateExplain.h"
 
-namespace SrTeScenario {
+namespace SrTeView {
 
 // One step record (or the start or end record), with its state when it carries one.
 void renderTextRecord(std::ostream& os, OrderedJson const& record);
@@ -17,4 +17,4 @@ void renderTextState(std::ostream& os, OrderedJson const& state, std::string con
 // bold), segment lists, tunnels and next hops.
 void renderDot(std::ostream& os, OrderedJson const& state);
 
-}  // namespace SrTeScenario
+}  // namespace SrTeView

@@ -1,4 +1,4 @@
-#include "ScenarioExplain.h"
+#include "StateExplain.h"
 
 #include <algorithm>
 #include <cmath>
@@ -7,13 +7,13 @@
 #include <sstream>
 
 #include "MplsHelper/IndexAllocators.h"
-#include "Scenario.h"
 
-namespace SrTeScenario {
+namespace SrTeView {
 
 using SrTePolicy::PolicyId;
 using SrTePolicy::PolicyKey;
 using SrTePolicy::Priority;
+using SrTePolicy::sourceName;
 using SrTePolicy::SrTePolicyAgent;
 
 namespace {
@@ -77,27 +77,27 @@ char const* actionName(Ludd::MplsLabelAction a) {
 }
 
 // The scenario's number for an adjacency index, when the simulator published it under another.
-std::optional<U64> scenarioIndex(Mpls::AdjacencyKey const& k, PlatformLoader const* loader) {
-  if (!loader) return std::nullopt;
-  U64 name = k.kind() == Mpls::AdjacencyKind::extFec ? loader->extFecName(k.index())
-                                                     : loader->adjacencyName(k.index());
+std::optional<U64> hostName(Mpls::AdjacencyKey const& k, EntryNames const* names) {
+  if (!names) return std::nullopt;
+  U64 name = k.kind() == Mpls::AdjacencyKind::extFec ? names->extFecName(k.index())
+                                                     : names->adjacencyName(k.index());
   if (name == k.index()) return std::nullopt;
   return name;
 }
 
-std::string adjacencyName(Mpls::AdjacencyKey const& k, PlatformLoader const* loader) {
+std::string adjacencyName(Mpls::AdjacencyKey const& k, EntryNames const* names) {
   std::string out = std::string(kindName(k.kind())) + " " + std::to_string(k.index());
-  if (auto name = scenarioIndex(k, loader)) out += " (scenario's " + std::to_string(*name) + ")";
+  if (auto name = hostName(k, names)) out += " (scenario's " + std::to_string(*name) + ")";
   return out;
 }
 
 // An adjacency a route points at: its table, index, the scenario's number for it and its name.
-OrderedJson adjacencyRef(Mpls::AdjacencyKey const& k, PlatformLoader const* loader) {
-  std::optional<U64> name = scenarioIndex(k, loader);
+OrderedJson adjacencyRef(Mpls::AdjacencyKey const& k, EntryNames const* names) {
+  std::optional<U64> name = hostName(k, names);
   return OrderedJson{{"kind", kindName(k.kind())},
                      {"index", k.index()},
                      {"scenarioIndex", name ? OrderedJson(*name) : OrderedJson(nullptr)},
-                     {"name", adjacencyName(k, loader)}};
+                     {"name", adjacencyName(k, names)}};
 }
 
 std::string viaText(Mpls::Via const& v) {
@@ -161,8 +161,8 @@ struct Reason {
 
 class Explainer {
  public:
-  Explainer(StateView const& view, PlatformLoader const* loader)
-      : view_(view), loader_(loader), lfib_(*view.lfib) {
+  Explainer(StateView const& view, EntryNames const* names)
+      : view_(view), names_(names), lfib_(*view.lfib) {
     // Binding SIDs claimed by the active candidates and by the published policies.
     for (auto it = view_.ecPolicy->policyIterConst(); it; ++it) {
       auto active = it.ptr()->active();
@@ -508,7 +508,7 @@ class Explainer {
     out["resolved"] = status != nullptr;
     std::optional<U32> source = status ? routeSource(label, status->adjKey()) : std::nullopt;
     out["source"] = source ? OrderedJson(*source) : OrderedJson(nullptr);
-    out["adjacency"] = status ? adjacencyRef(status->adjKey(), loader_) : OrderedJson(nullptr);
+    out["adjacency"] = status ? adjacencyRef(status->adjKey(), names_) : OrderedJson(nullptr);
     OrderedJson routes = OrderedJson::array();
     OrderedJson reason = nullptr;
     if (!status) {
@@ -554,9 +554,9 @@ class Explainer {
     std::string out = "top label " + std::to_string(top.value()) + ": ";
     if (std::optional<U32> s = routeSource(top, adjKey)) {
       return out + "LFIB route of source " + std::to_string(*s) + " to " +
-             adjacencyName(adjKey, loader_);
+             adjacencyName(adjKey, names_);
     }
-    return out + adjacencyName(adjKey, loader_) + " (its route has changed since)";
+    return out + adjacencyName(adjKey, names_) + " (its route has changed since)";
   }
 
   // The LFIB routes of a label that has no segment status, judged as the resolver judges them.
@@ -578,7 +578,7 @@ class Explainer {
       if (out.code.empty()) out.code = v.code;
       out.json.push_back(OrderedJson{{"source", s},
                                      {"type", routeTypeName(r.routeType())},
-                                     {"adjacency", adjacencyRef(r.adjacencyKey(), loader_)},
+                                     {"adjacency", adjacencyRef(r.adjacencyKey(), names_)},
                                      {"verdict", v.code},
                                      {"text", v.text}});
       out.text.push_back("source " + std::to_string(s) + ": " + v.text);
@@ -599,7 +599,7 @@ class Explainer {
     if (!topStatus) return unresolvedTop(top, label);
     // The top segment resolved; the adjacency yields no next hop.
     Mpls::AdjacencyKey const& k = topStatus->adjKey();
-    std::string via = label + " resolves to " + adjacencyName(k, loader_) + ", ";
+    std::string via = label + " resolves to " + adjacencyName(k, names_) + ", ";
     if (k.kind() == Mpls::AdjacencyKind::extFec) {
       auto ext = lfib_.lfibExtFecAdjacency(k.index());
       if (!ext) return {"no-adjacency", via + "which does not exist: no next hop"};
@@ -836,7 +836,7 @@ class Explainer {
       r.push_back(OrderedJson{{"label", key.topLabel().value()},
                               {"source", key.source().value()},
                               {"type", routeTypeName(route.routeType())},
-                              {"adjacency", adjacencyRef(route.adjacencyKey(), loader_)}});
+                              {"adjacency", adjacencyRef(route.adjacencyKey(), names_)}});
     }
     out["routes"] = r;
     auto viaLists = [](auto iter, auto const& vias) {
@@ -891,13 +891,17 @@ class Explainer {
   }
 
   StateView const& view_;
-  PlatformLoader const* loader_;
+  EntryNames const* names_;
   Mpls::Status const& lfib_;
   std::map<U32, std::set<PolicyKey>> claims_;
   std::optional<std::map<U32, std::vector<Mpls::LFib::Route>>> routesByLabel_;
 };
 
 }  // namespace
+
+std::string candidateName(PolicyId id) {
+  return std::string(sourceName(id.source())) + "/" + std::to_string(id.index());
+}
 
 std::string tunnelName(Tunnel::TunnelTable::TunnelId const& id) {
   if (id.type() == Tunnel::TunnelTable::TunnelType::srTeSegmentList) {
@@ -963,12 +967,11 @@ SegmentListDirectory segmentListDirectory(SrTePolicy::SegmentListIdToPolicyMap c
   return out;
 }
 
-OrderedJson explainState(StateView const& view, bool platform, PlatformLoader const* loader) {
-  return Explainer(view, loader).state(platform);
+OrderedJson explainState(StateView const& view, bool platform, EntryNames const* names) {
+  return Explainer(view, names).state(platform);
 }
 
-OrderedJson explainState(SrTePolicyAgent const& agent, bool platform,
-                         PlatformLoader const* loader) {
+OrderedJson explainState(SrTePolicyAgent const& agent, bool platform, EntryNames const* names) {
   SegmentListDirectory lists = segmentListDirectory(*agent.segmentListIdToPolicyMap());
   StateView view;
   view.time = agent.clock()->now();
@@ -988,7 +991,7 @@ OrderedJson explainState(SrTePolicyAgent const& agent, bool platform,
   view.bsidLfib = agent.bsidLfib();
   view.exportedSegmentLists = agent.exportedSegmentLists();
   view.activity = agent.policyActivity();
-  return explainState(view, platform, loader);
+  return explainState(view, platform, names);
 }
 
-}  // namespace SrTeScenario
+}  // namespace SrTeView
