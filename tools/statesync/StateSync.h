@@ -140,7 +140,7 @@ class MountedState {
   // Whether a snapshot of `channel` has arrived.
   bool served(Channel channel) const { return served_[static_cast<std::size_t>(channel)]; }
 
-  // The view the explanation reads (ScenarioExplain.h), over these copies.
+  // The view the explanation reads (StateExplain.h), over these copies.
   SrTeView::StateView view() const;
 
   Mosk::Ptr<SrTePolicy::Status> const& status() const { return status_; }
