@@ -391,9 +391,8 @@ TEST(ServiceUnit, SystemdAnalyzeVerifiesTheUnit) {
                              "WatchdogSec=", "RuntimeDirectory=srte-agent"}) {
     EXPECT_NE(unit.find(needed), std::string::npos) << needed;
   }
-  if (::access("/usr/bin/systemd-analyze", X_OK) != 0) {
-    GTEST_SKIP() << "systemd-analyze is not installed (scripts/deps.sh installs systemd)";
-  }
+  ASSERT_EQ(::access("/usr/bin/systemd-analyze", X_OK), 0)
+      << "systemd-analyze is not installed (scripts/deps.sh installs systemd)";
   // The real file, with the installed paths pointing at this build and the sample.
   TempDir dir;
   std::string copy = std::regex_replace(unit, std::regex("/usr/bin/srte-agent"), SRTE_AGENT);
@@ -506,9 +505,8 @@ TEST(ServiceMetrics, ExpositionCountsAndHttp) {
 
 // Faults: an endpoint a real prometheus server cannot scrape or parse, series it cannot query.
 TEST(ServiceMetrics, PrometheusScrapesThePolicyCount) {
-  if (::access("/usr/bin/prometheus", X_OK) != 0) {
-    GTEST_SKIP() << "prometheus is not installed (scripts/deps.sh installs it)";
-  }
+  ASSERT_EQ(::access("/usr/bin/prometheus", X_OK), 0)
+      << "prometheus is not installed (scripts/deps.sh installs it)";
   MetricsAgent m;
   TempDir dir;
   U16 const web = freePort();
