@@ -251,10 +251,11 @@ void AgentDaemon::reload() {
   }
   if (next.stopOnOutputError != options_.stopOnOutputError) changes.push_back("stopOnOutputError");
   applySources(next, changes);
-  // What the running process cannot change: kept as it is until a restart.
-  auto const keep = [&](char const* key, auto& running, auto const& wanted) {
+  // What the running process cannot change: kept as it is until a restart, and said so.
+  auto const keep = [&](char const* key, auto const& running, auto& wanted) {
     if (running == wanted) return;
     needsRestart.push_back(key);
+    wanted = running;
   };
   keep("platform", options_.platform, next.platform);
   keep("socket", options_.socket, next.socket);
@@ -263,13 +264,6 @@ void AgentDaemon::reload() {
   keep("metrics", options_.metrics, next.metrics);
   keep("maxPlatformBytes", options_.maxPlatformBytes, next.maxPlatformBytes);
   keep("trace", options_.traceLevel, next.traceLevel);
-  next.platform = options_.platform;
-  next.socket = options_.socket;
-  next.socketGroup = options_.socketGroup;
-  next.maxReaders = options_.maxReaders;
-  next.metrics = options_.metrics;
-  next.maxPlatformBytes = options_.maxPlatformBytes;
-  next.traceLevel = options_.traceLevel;
   options_ = std::move(next);
   r["result"] = "applied";
   try {
