@@ -1,4 +1,5 @@
 // FEC ids, FECs and the forwarding status tables that the publisher writes in place.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <vector>
@@ -22,8 +23,6 @@ Fib::Via tunnelVia(U64 tunnel) {
 TEST(FecId, TypeInTheTopBitsIndexBelow) {
   FecId id = FecId::fecIdForAdjType(15, 7);
   EXPECT_EQ(id.value(), 0xf000000000000007u);
-  EXPECT_EQ(id >> Fib::adjTypePos(), 15u);
-  EXPECT_EQ(id & Fib::adjIndexMask(), 7u);
   EXPECT_EQ(Mosk::valueToStrep(id), "0xf000000000000007");
   EXPECT_EQ(Mosk::parse<FecId>("0xf000000000000007"), id);
   EXPECT_TRUE(FecId().isNone());
@@ -41,12 +40,9 @@ TEST(Fec, AtMost512ViasAndOnlyCountedOnesMatter) {
   Fib::Fec fec(FecId::fecIdForAdjType(15, 1));
   EXPECT_THROW(ViaIndex(513), Mosk::RangeException);
   EXPECT_THROW(ViaIndex(0), Mosk::RangeException);
-  try {
-    fec.viaCountIs(513);
-    FAIL() << "a count of 513 was accepted";
-  } catch (Mosk::RangeException const& e) {
-    EXPECT_STREQ(e.what(), "ViaIndex::value < ViaIndex::min or > ViaIndex::max not allowed");
-  }
+  EXPECT_THAT([&] { fec.viaCountIs(513); },
+              testing::ThrowsMessage<Mosk::RangeException>(testing::StrEq(
+                  "ViaIndex::value < ViaIndex::min or > ViaIndex::max not allowed")));
   fec.viaIs(ViaIndex(512), tunnelVia(512));
   fec.viaCountIs(512);
   EXPECT_EQ(fec.via(ViaIndex(512)), tunnelVia(512));

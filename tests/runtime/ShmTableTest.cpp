@@ -1,6 +1,7 @@
 // The shared-memory tables with real processes: a writer forked off the test process writes
 // while the test reads; segments are named per test process and removed by the fixture.
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/file.h>
@@ -54,6 +55,17 @@ bool whole(Rec const& r) {
 
 using Writer = ShmTableWriter<U32, Rec>;
 using Reader = ShmTableReader<U32, Rec>;
+
+// Why opening table `name` as T (a writer or reader, with `args`) is refused, or "opened".
+template <class T, class... Args>
+std::string refusal(std::string const& name, Args... args) {
+  try {
+    T t(name, args...);
+  } catch (ShmTableException const& e) {
+    return e.what();
+  }
+  return "opened";
+}
 
 class ShmTableTest : public ::testing::Test {
  protected:
@@ -264,12 +276,7 @@ TEST_F(ShmTableTest, DamageIsRefusedOrReported) {
     U32 old;
     std::memcpy(&old, h + offset, 4);
     std::memcpy(h + offset, &value, 4);
-    std::string what;
-    try {
-      Reader r(name);
-    } catch (ShmTableException const& e) {
-      what = e.what();
-    }
+    std::string const what = ::refusal<Reader>(name);
     std::memcpy(h + offset, &old, 4);
     return what;
   };
@@ -331,17 +338,6 @@ struct stat statOf(std::string const& name) {
   struct stat st {};
   ::stat(("/dev/shm/" + name).c_str(), &st);
   return st;
-}
-
-// Why opening table `name` as T (a writer or reader, with `args`) is refused, or "opened".
-template <class T, class... Args>
-std::string refusal(std::string const& name, Args... args) {
-  try {
-    T t(name, args...);
-  } catch (ShmTableException const& e) {
-    return e.what();
-  }
-  return "opened";
 }
 
 // Faults: a table created readable (or writable) by every user; a lock that another user who
@@ -461,13 +457,10 @@ TEST_F(ShmTableTest, ReaderAttachesToACopyKeptInMemory) {
     }
     EXPECT_EQ(walked, 5u);
   }
-  try {
-    Reader r("copy", base, size - 8);
-    ADD_FAILURE() << "a segment cut short was attached";
-  } catch (ShmTableException const& e) {
-    EXPECT_EQ(std::string(e.what()), "table 'copy': segment of " + std::to_string(size - 8) +
-                                         " bytes, its header needs " + std::to_string(size));
-  }
+  EXPECT_THAT([&] { Reader r("copy", base, size - 8); },
+              testing::ThrowsMessage<ShmTableException>(
+                  "table 'copy': segment of " + std::to_string(size - 8) +
+                  " bytes, its header needs " + std::to_string(size)));
   EXPECT_THROW(Reader("copy", base, sizeof(detail::ShmHeader) - 1), ShmTableException);
   bytes.assign(bytes.size(), 1);  // still mapped and ours once the reader is gone
 }

@@ -1,4 +1,5 @@
 // The SR-TE segment-list tunnel table and its index allocator.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <vector>
@@ -90,13 +91,9 @@ TEST(SrTunnelIdxAllocator, FreshIndexesUpToTheTunnelIdRange) {
   U64 last = TunnelId::maxValue - (U64{8} << TunnelId::typeShift);
   alloc->nextIdxIs(last);
   EXPECT_NO_THROW(TunnelId::convertToTunnelValue(TunnelType::srTeSegmentList, alloc->getIdx()));
-  try {
-    TunnelId::convertToTunnelValue(TunnelType::srTeSegmentList, alloc->getIdx());
-    FAIL() << "a tunnel id beyond 48 bits was formed";
-  } catch (Mosk::RangeException const& e) {
-    EXPECT_STREQ(e.what(),
-                 "TunnelId::value < TunnelId::minValue or > TunnelId::maxValue not allowed");
-  }
+  EXPECT_THAT([&] { TunnelId::convertToTunnelValue(TunnelType::srTeSegmentList, alloc->getIdx()); },
+              testing::ThrowsMessage<Mosk::RangeException>(testing::StrEq(
+                  "TunnelId::value < TunnelId::minValue or > TunnelId::maxValue not allowed")));
   EXPECT_THROW(alloc->nextIdxIs(0), Mosk::RangeException);
 }
 
