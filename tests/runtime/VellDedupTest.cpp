@@ -58,38 +58,30 @@ class VellDedup : public ::testing::Test {
   int destroyed = 0;
 };
 
-// Catches an entry removed one reference too early or too late when only the table shares it.
-TEST_F(VellDedup, WithoutNotifierEntryLeavesWithItsLastOutsideReference) {
-  Ptr<Label> a = table->dedup(Ptr<Label>(new Label(7, &destroyed)));
-  EXPECT_EQ(a->dedupTable(), table.ptr());
-  EXPECT_EQ(a->references(), 2u);  // a, the table
-  Ptr<Label> b = a;
-  b = nullptr;  // down to 2: still held outside
-  EXPECT_EQ(table->size(), 1u);
-  EXPECT_EQ(a->referencesInc(), 3u);
-  a->referencesDec();
-  EXPECT_EQ(table->size(), 1u);
-  a = nullptr;
-  EXPECT_EQ(table->size(), 0u);
-  EXPECT_EQ(destroyed, 1);
-}
-
-// The same with a lifetime notifier, whose reference is part of the table's share; also
-// catches a notifiee that is not told, or told with the object already gone.
-TEST_F(VellDedup, WithNotifierEntryLeavesWhenOnlyTableAndNotifierHoldIt) {
-  Ptr<Notifiee> n(new Notifiee);
-  table->lifeTimeNotifieeIs(n);
-  Ptr<Label> a = table->dedup(Ptr<Label>(new Label(7, &destroyed)));
-  EXPECT_TRUE(a->haveLifeTimeNotifier());
-  EXPECT_EQ(a->references(), 3u);  // a, the table, the notifier
-  Ptr<Label> second = a;
-  second = nullptr;
-  EXPECT_EQ(table->size(), 1u);
-  EXPECT_EQ(n->log, (Log{"insert 7"}));
-  a = nullptr;
-  EXPECT_EQ(n->log, (Log{"insert 7", "remove 7 detaching"}));
-  EXPECT_EQ(table->size(), 0u);
-  EXPECT_EQ(destroyed, 1);
+// Catches an entry removed one reference too early or too late when only the table (and its
+// lifetime notifier, whose reference is part of the table's share) holds it; a notifiee that is
+// not told, or told with the object already gone.
+TEST_F(VellDedup, EntryLeavesWithItsLastOutsideReference) {
+  for (bool notified : {false, true}) {
+    SCOPED_TRACE(notified ? "with a lifetime notifier" : "without");
+    table = dedupHashTableUnorderedSetFactory(0);
+    destroyed = 0;
+    Ptr<Notifiee> n(new Notifiee);
+    if (notified) table->lifeTimeNotifieeIs(n);
+    Ptr<Label> a = table->dedup(Ptr<Label>(new Label(7, &destroyed)));
+    EXPECT_EQ(a->dedupTable(), table.ptr());
+    EXPECT_EQ(a->haveLifeTimeNotifier(), notified);
+    EXPECT_EQ(a->references(), notified ? 3u : 2u);  // a, the table (, the notifier)
+    Ptr<Label> b = a;
+    b = nullptr;  // still held outside
+    EXPECT_EQ(a->referencesInc(), notified ? 4u : 3u);
+    a->referencesDec();
+    EXPECT_EQ(table->size(), 1u);
+    a = nullptr;
+    EXPECT_EQ(table->size(), 0u);
+    EXPECT_EQ(destroyed, 1);
+    EXPECT_EQ(n->log, notified ? (Log{"insert 7", "remove 7 detaching"}) : Log{});
+  }
 }
 
 // Catches a second equal object not collapsed, unequal objects of equal hash collapsed, and a
