@@ -27,25 +27,6 @@ using AgentTesting::runProgram;
 
 namespace {
 
-struct Output {
-  int status = -1;
-  std::string out;
-};
-
-// Runs `command` through the shell; standard error goes to the test's.
-Output run(std::string const& command) {
-  Output o;
-  FILE* p = ::popen(command.c_str(), "r");
-  if (p == nullptr) return o;
-  char buf[4096];
-  std::size_t n;
-  while ((n = std::fread(buf, 1, sizeof buf, p)) > 0)
-    o.out.append(buf, n);
-  int st = ::pclose(p);
-  o.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
-  return o;
-}
-
 // The state without the times of the active candidates' last changes: the simulator dates them
 // on its scenario clock (which starts at the epoch), the agent on the wall clock.
 Json undated(Json state) {
@@ -63,24 +44,14 @@ bool exists(std::string const& path) {
   return ::lstat(path.c_str(), &st) == 0;
 }
 
-class Agent {
- public:
-  explicit Agent(std::vector<std::string> args) {
-    int null = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
-    pid_ = AgentTesting::spawn(SRTE_AGENT, std::move(args), null, 2);
-    ::close(null);
-  }
-  ~Agent() { stop(); }
-  void stop() {
-    if (pid_ <= 0) return;
-    ::kill(pid_, SIGTERM);
-    ::waitpid(pid_, nullptr, 0);
-    pid_ = -1;
-  }
-
- private:
-  pid_t pid_ = -1;
-};
+// What srte-sim --json prints as the final state of `scenario`, without its time.
+Json simulated(std::string const& scenario) {
+  Outcome sim = runProgram(SRTE_SIM, {"--json", scenario});
+  EXPECT_EQ(sim.status, 0) << sim.err;
+  Json state = Json::parse(sim.out)["records"].back()["state"];
+  state.erase("time");
+  return state;
+}
 
 class SrteShowTest : public ::testing::Test {
  protected:
@@ -110,7 +81,7 @@ class SrteShowTest : public ::testing::Test {
     auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
     while (std::chrono::steady_clock::now() < end) {
       if (!exists(socket_)) continue;
-      Output o = run(std::string(SRTE_SHOW) + " --json --socket " + socket_);
+      Outcome o = runProgram(SRTE_SHOW, {"--json", "--socket", socket_});
       if (o.status != 0) continue;
       last = Json::parse(o.out);
       if (undated(last) == undated(want)) break;
@@ -142,41 +113,36 @@ TEST_F(SrteShowTest, ShowsTheStateTheSimulatorEndsWith) {
                            "tests/scenarios/selection-priority.json"}) {
     SCOPED_TRACE(file);
     std::string scenario = withoutSteps(file);
-    Output sim = run(std::string(SRTE_SIM) + " --json " + scenario);
-    ASSERT_EQ(sim.status, 0) << sim.out;
-    Json want = Json::parse(sim.out)["records"].back()["state"];
-    want.erase("time");
+    Json const want = simulated(scenario);
     ASSERT_FALSE(want["policies"].empty());
 
     double const started = wallNow();
-    Agent agent({"--scenario", scenario, "--socket", socket_});
+    AgentProcess agent({"--scenario", scenario, "--socket", socket_});
     Json shown = shownUntil(want);
     EXPECT_EQ(undated(shown), undated(want));
     expectDatedWithin(shown, want, started, wallNow());
     // The readable form says since when (the simulator's text does not: its step lines do).
-    Output text = run(std::string(SRTE_SHOW) + " --socket " + socket_);
+    Outcome text = runProgram(SRTE_SHOW, {"--socket", socket_});
     EXPECT_NE(text.out.find(" UTC (active candidate changed "), std::string::npos) << text.out;
-    agent.stop();
+    EXPECT_EQ(agent.terminate(), 0);
     EXPECT_FALSE(exists(socket_)) << "the agent left its socket behind";
   }
 }
 
 TEST_F(SrteShowTest, NoAgentIsExitTwoWithTheReason) {
   // Catches: srte-show hanging or printing an empty state when nothing listens.
-  Output o = run(std::string(SRTE_SHOW) + " --socket " + socket_ + " 2>&1");
+  Outcome o = runProgram(SRTE_SHOW, {"--socket", socket_});
   EXPECT_EQ(o.status, 2);
-  EXPECT_NE(o.out.find("srte-show: no agent listens on " + socket_), std::string::npos) << o.out;
+  EXPECT_NE(o.err.find("srte-show: no agent listens on " + socket_), std::string::npos) << o.err;
 }
 
 TEST_F(SrteShowTest, WatchFollowsTheAgentAcrossARestart) {
   // Catches: a watcher that stops at the first agent, or that shows the old agent's state
   // mixed into the new one's.
   std::string first = withoutSteps("examples/03-binding-sid-change.json");
-  Json want1 =
-      Json::parse(run(std::string(SRTE_SIM) + " --json " + first).out)["records"].back()["state"];
-  want1.erase("time");
-  auto agent =
-      std::make_unique<Agent>(std::vector<std::string>{"--scenario", first, "--socket", socket_});
+  Json const want1 = simulated(first);
+  auto agent = std::make_unique<AgentProcess>(
+      std::vector<std::string>{"--scenario", first, "--socket", socket_});
   ASSERT_EQ(undated(shownUntil(want1)), undated(want1));
 
   // The watcher prints one JSON document per change; read them as they come.
@@ -199,13 +165,11 @@ TEST_F(SrteShowTest, WatchFollowsTheAgentAcrossARestart) {
   };
   EXPECT_EQ(undated(nextDocument()), undated(want1));
 
-  agent->stop();
+  agent->terminate();
   std::string second = withoutSteps("examples/01-two-sources.json");
-  Json want2 =
-      Json::parse(run(std::string(SRTE_SIM) + " --json " + second).out)["records"].back()["state"];
-  want2.erase("time");
-  agent =
-      std::make_unique<Agent>(std::vector<std::string>{"--scenario", second, "--socket", socket_});
+  Json const want2 = simulated(second);
+  agent = std::make_unique<AgentProcess>(
+      std::vector<std::string>{"--scenario", second, "--socket", socket_});
   // The new agent may show a state on its way to idle first; the last one is its final state.
   Json got;
   for (int i = 0; i < 20 && undated(got) != undated(want2); ++i)
@@ -253,7 +217,7 @@ TEST_F(SrteShowTest, TheSocketIsPrivateAndOnlyItsOwnFileIsRemoved) {
   EXPECT_EQ(st.st_mode & 0777, 0660u);
   EXPECT_EQ(st.st_gid, 65534u);
   EXPECT_EQ(first.terminate(), 0);
-  EXPECT_EQ(run(std::string(SRTE_SHOW) + " --json --socket " + socket_).status, 0)
+  EXPECT_EQ(runProgram(SRTE_SHOW, {"--json", "--socket", socket_}).status, 0)
       << "the first agent removed the second one's socket";
   EXPECT_EQ(second.terminate(), 0);
   EXPECT_FALSE(exists(socket_));
