@@ -262,6 +262,18 @@ int runSource(std::vector<std::string> args) {
   return runProgram(SRTE_SOURCE, std::move(args)).status;
 }
 
+// Adds a candidate path of color 100 to `table` through srte-source (without a binding SID when
+// `bsid` is empty).
+void addCandidate(std::string const& table, std::string const& source, std::string const& endpoint,
+                  std::string const& bsid, std::vector<std::string> const& lists = {"16002"}) {
+  std::vector<std::string> args = {"--table",    table,    "--source", source, "add",
+                                   "--endpoint", endpoint, "--color",  "100"};
+  if (!bsid.empty()) args.insert(args.end(), {"--binding-sid", bsid});
+  for (std::string const& l : lists)
+    args.insert(args.end(), {"--segment-list", l});
+  ASSERT_EQ(runSource(args), 0);
+}
+
 std::vector<std::string> gists(std::vector<OrderedJson> const& lines) {
   std::vector<std::string> out;
   for (auto const& l : lines)
@@ -283,17 +295,8 @@ TEST(AgentProcess, ATableAppearingAndVanishingAddsThenRemovesExactlyItsPolicies)
   ASSERT_FALSE(start.empty());
   EXPECT_EQ(start.back()["sources"][0]["table"], table);
 
-  std::vector<std::string> const bgp = {"--table", table, "--source", "bgp"};
-  auto with = [&bgp](std::vector<std::string> args) {
-    args.insert(args.begin(), bgp.begin(), bgp.end());
-    return args;
-  };
-  ASSERT_EQ(runSource(with({"add", "--endpoint", "192.0.2.1", "--color", "100", "--binding-sid",
-                            "900001", "--segment-list", "16002,16009"})),
-            0);
-  ASSERT_EQ(runSource(with({"add", "--endpoint", "192.0.2.2", "--color", "100", "--binding-sid",
-                            "900002", "--segment-list", "16003", "--segment-list", "3:16002"})),
-            0);
+  addCandidate(table, "bgp", "192.0.2.1", "900001", {"16002,16009"});
+  addCandidate(table, "bgp", "192.0.2.2", "900002", {"16003", "3:16002"});
   std::vector<OrderedJson> added = agent.published(6);
   EXPECT_EQ(gists(added),
             (std::vector<std::string>{"bsid-route added 900001", "bsid-route added 900002",
@@ -311,9 +314,7 @@ TEST(AgentProcess, ATableAppearingAndVanishingAddsThenRemovesExactlyItsPolicies)
                                       "policy removed 192.0.2.1", "policy removed 192.0.2.2"}));
 
   // The table made anew is picked up again.
-  ASSERT_EQ(runSource(with(
-                {"add", "--endpoint", "192.0.2.3", "--color", "100", "--segment-list", "16003"})),
-            0);
+  addCandidate(table, "bgp", "192.0.2.3", "", {"16003"});
   EXPECT_EQ(gists(agent.published(2)),
             (std::vector<std::string>{"fec added vias 1", "policy added 192.0.2.3"}));
 
@@ -332,13 +333,6 @@ std::string const platformFile = SRTE_EXAMPLES "/01-two-sources.json";
 
 std::string testName(std::string const& what) {
   return "srte-test-" + std::to_string(::getpid()) + "-" + what;
-}
-
-void addCandidate(std::string const& table, std::string const& source, std::string const& endpoint,
-                  std::string const& bsid) {
-  ASSERT_EQ(runSource({"--table", table, "--source", source, "add", "--endpoint", endpoint,
-                       "--color", "100", "--binding-sid", bsid, "--segment-list", "16002"}),
-            0);
 }
 
 // The first line of `event` for `source`; no other source-attached line may come before it.
