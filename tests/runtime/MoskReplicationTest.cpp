@@ -227,7 +227,7 @@ TEST(MoskReplication, RandomMutationsAndFlushesKeepTheCopyEqual) {
   // Catches: any mark lost or misapplied across a long mixed history: an attribute kind that
   // the snapshot or the delta leaves out, a transient key (added and removed between flushes)
   // that reaches the copy or whose removal the copy refuses, a re-created element (another
-  // fixed argument) sent as a delta onto the old one.
+  // fixed argument) sent as a delta onto the old one, a flush that sends what did not change.
   std::mt19937 rng(20240611);
   Replica r;
   r.sync();
@@ -294,6 +294,7 @@ TEST(MoskReplication, RandomMutationsAndFlushesKeepTheCopyEqual) {
   }
   r.flush();
   EXPECT_EQ(dumpTree(*r.copy), dumpTree(*r.source));
+  EXPECT_TRUE(r.adapter->flush().empty()) << "nothing changed since the last flush";
   // A second reader that connects late starts from a snapshot.
   auto late = treeFactory("tree");
   auto mount = Mosk::logMountFactory(late, "late");
