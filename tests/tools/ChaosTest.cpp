@@ -23,6 +23,15 @@
 using namespace SrTePolicy;
 using namespace AgentTesting;
 
+// gcc says it builds for AddressSanitizer with __SANITIZE_ADDRESS__, clang with __has_feature.
+#if defined(__SANITIZE_ADDRESS__)
+#define UNDER_ADDRESS_SANITIZER 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define UNDER_ADDRESS_SANITIZER 1
+#endif
+#endif
+
 namespace {
 
 using Json = nlohmann::ordered_json;
@@ -323,7 +332,7 @@ TEST_F(Chaos, TheAgentOutlivesItsSourcesAndReadersAndEndsAsAFreshOne) {
   fresh.settle(500);
   long const rss = residentKb(process.pid()), freshRss = residentKb(freshProcess.pid());
   std::printf("chaos: resident %ld KiB, a fresh agent's %ld KiB\n", rss, freshRss);
-#if !defined(__SANITIZE_ADDRESS__)
+#if !defined(UNDER_ADDRESS_SANITIZER)
   // Under AddressSanitizer the shadow memory and the quarantine of freed blocks make the
   // churned agent's size say little (a fresh agent measured 69 to 172 MiB there); LeakSanitizer
   // checks leaks instead.
