@@ -9,6 +9,7 @@
 #include <random>
 #include <string>
 
+#include "InputRecord.h"
 #include "PublishedState.h"
 #include "SrTePolicyAgent.h"
 
@@ -109,18 +110,17 @@ class Scenario {
     PolicySource const source = kSources[pick(3)];
     U32 const index = 1 + pick(kIndexes);
     U32 const k = (index + static_cast<U32>(source)) % kKeys;
-    PolicyInputEntry e(PolicyId::make(source, index));
-    e.endpointIs(keyOf(k).endpoint());
-    e.colorIs(keyOf(k).color());
     U32 const preferences[] = {10, 100, 200};
-    e.preferenceIs(Preference(preferences[pick(3)]));
+    TestSupport::InputRecord e(source, index);
     // Each candidate has a router id of its own: candidates equal in all but their id keep
     // whichever is active, by design, so which one wins would depend on history.
-    e.routerIdIs(Ludd::IpAddr::fromU32(0x01010000 + (static_cast<U32>(source) << 8) + index));
+    e.to(keyOf(k).endpoint(), keyOf(k).color().value())
+        .pref(preferences[pick(3)])
+        .router(Ludd::IpAddr::fromU32(0x01010000 + (static_cast<U32>(source) << 8) + index));
     U32 const bsid = pick(3);
-    e.bindingSidIs(bsid == 0 ? MplsLabel::none() : MplsLabel(900000 + 10 * k + bsid));
+    e.bsid(bsid == 0 ? MplsLabel::none() : MplsLabel(900000 + 10 * k + bsid));
     for (U32 n = 1 + pick(3); n > 0; --n)
-      e.segmentListPush(WeightedSegList(Weight(1 + pick(3)), stack()));
+      e.list(stack(), 1 + pick(3));
     agent_.sourceTableIs(source)->policyInputEntryIs(e);
   }
 

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "BgpSpeaker.h"
+#include "InputRecord.h"
 #include "SrPolicyEncoder.h"
 
 using namespace SrTeBgp;
@@ -44,11 +45,7 @@ SrPolicyNlri nlri(U32 distinguisher, char const* endpoint = "10.0.0.9", U32 colo
 }
 
 PolicyInputEntry path(U32 preference, std::initializer_list<U32> labels = {16001, 16009}) {
-  PolicyInputEntry e;
-  e.preferenceIs(SrTePolicy::Preference(preference));
-  e.segmentListPush(
-      SrTePolicy::WeightedSegList(SrTePolicy::Weight(2), Ludd::MplsLabelOperation(labels)));
-  return e;
+  return TestSupport::InputRecord().pref(preference).list(labels, 2);
 }
 
 Ludd::IpAddr const peerId = Ludd::IpAddr::parse("10.0.0.2");
@@ -169,9 +166,7 @@ TEST(BgpInputTable, ClearsAnEarlierRunRefusesForeignTablesAndFullOnes) {
   TableRemoval otherRemoval{other};
   {
     SrTePolicy::PolicyInputShmWriter w(other);
-    PolicyInputEntry e(PolicyId::make(SrTePolicy::PolicySource::sourcePcep, 1));
-    e.endpointIs(Ludd::IpGenAddr::parse("192.0.2.1"));
-    w.put(e);
+    w.put(TestSupport::InputRecord(SrTePolicy::PolicySource::sourcePcep, 1).to("192.0.2.1", 0));
   }
   EXPECT_THROW(BgpInputTable t(other), Mosk::RangeException);
   EXPECT_EQ(SrTePolicy::PolicyInputShmTable(other).count(), 1u);
