@@ -58,10 +58,12 @@ TEST_F(SegmentSmTest, SegmentsMadeBeforeInitializationResolveAtInitialization) {
 }
 
 // Faults: a skipped route (a pseudowire) of one source left standing by the incremental path,
-// or a whole-table notification that does not run the full pass. The rest of the incremental
-// rule (a removed route withdraws, a new one of any source takes over, the full pass restores
-// the lowest source) is the scenario lfib-incremental-full.
+// or a whole-table notification that does not run the full pass; the skip's trace line. The
+// rest of the incremental rule (a removed route withdraws, a new one of any source takes over,
+// the full pass restores the lowest source) is the scenario lfib-incremental-full, and which
+// routes resolution uses are the scenarios resolution-rules and no-resolved-list.
 TEST_F(SegmentSmTest, SkippedRouteWithdrawsUntilTheNextFullPass) {
+  TraceLines trace("SrTePolicySegmentResolver", 1u << 4);
   sm->handleInitialized();
   route(16001, 3, 30);
   route(16001, 7, 70);
@@ -71,6 +73,8 @@ TEST_F(SegmentSmTest, SkippedRouteWithdrawsUntilTheNextFullPass) {
   EXPECT_EQ(adj(s), 0u) << "the changed route alone is judged, though source 3 still resolves";
   lfib->lfibRouteNotifyCollection();
   EXPECT_EQ(adj(s), 30u) << "the whole-table notification runs the full pass";
+  EXPECT_EQ(trace.count("Skipping resolution via pseudowire "), 1);
+  EXPECT_EQ(trace.lines.size(), 1u);
 }
 
 // Faults: replacing the entry object on an adjacency change (watchers would lose it),
