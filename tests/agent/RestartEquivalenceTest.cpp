@@ -36,18 +36,12 @@ struct Restart {
   U32 step = 0;
 
   std::string text() const {
-    switch (kind) {
-      case Kind::none:
-        return "no restart";
-      case Kind::machine:
-        return std::string("restart of ") + machineName(machine) + " before step " +
-               std::to_string(step);
-      case Kind::pipeline:
-        return "pipeline restart before step " + std::to_string(step);
-      case Kind::agent:
-        return "agent restart before step " + std::to_string(step);
-    }
-    return "";
+    if (kind == Kind::none) return "no restart";
+    std::string const what = kind == Kind::machine
+                                 ? std::string("restart of ") + machineName(machine)
+                             : kind == Kind::pipeline ? "pipeline restart"
+                                                      : "agent restart";
+    return what + " before step " + std::to_string(step);
   }
 };
 
@@ -82,16 +76,9 @@ class Scenario {
   U32 pick(U32 n) { return static_cast<U32>(rng_() % n); }
 
   void apply(Restart const& restart) {
-    switch (restart.kind) {
-      case Restart::Kind::none:
-        return;
-      case Restart::Kind::machine:
-        return agent_.restart(restart.machine);
-      case Restart::Kind::pipeline:
-        return agent_.restartPipeline();
-      case Restart::Kind::agent:
-        return agent_.restartAgent();
-    }
+    if (restart.kind == Restart::Kind::machine) agent_.restart(restart.machine);
+    if (restart.kind == Restart::Kind::pipeline) agent_.restartPipeline();
+    if (restart.kind == Restart::Kind::agent) agent_.restartAgent();
   }
 
   MplsLabelOperation stack() {
