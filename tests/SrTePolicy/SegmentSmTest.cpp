@@ -1,5 +1,6 @@
 // The segment state machine: the full pass against the incremental route path, segment
-// lifetime, and the stability of status entries.
+// lifetime, and the stability of status entries. (Segments made before initialization
+// resolving at it: the restarts scenario and RestartEquivalenceTest.)
 #include <gtest/gtest.h>
 
 #include <string>
@@ -47,15 +48,6 @@ class SegmentSmTest : public ::testing::Test {
   Ptr<SegmentSm> sm = segmentSmFactory(tables->notifyingSegmentCollection(), lfib, status, tables,
                                        segmentResolverFactory(lfib));
 };
-
-// Fault: resolving before handleInitialized, or never catching up on segments made earlier.
-TEST_F(SegmentSmTest, SegmentsMadeBeforeInitializationResolveAtInitialization) {
-  route(16001, 3, 30);
-  Ptr<SegmentMplsLabel> s = segment(16001);
-  EXPECT_EQ(status->statusCount(), 0u);
-  sm->handleInitialized();
-  EXPECT_EQ(adj(s), 30u);
-}
 
 // Faults: a skipped route (a pseudowire) of one source left standing by the incremental path,
 // or a whole-table notification that does not run the full pass; the skip's trace line. The
