@@ -18,6 +18,7 @@
 #include <random>
 
 #include "AgentProcess.h"
+#include "InputRecord.h"
 #include "SrTePolicy/SrTePolicyInputShm.h"
 
 using namespace SrTePolicy;
@@ -41,15 +42,12 @@ using Json = nlohmann::ordered_json;
 // when one moves away (as the LFIB generator is written), which a fresh agent would not show.
 PolicyInputEntry candidate(PolicySource source, U32 index, std::mt19937& rng) {
   auto draw = [&rng](U32 n) { return static_cast<U32>(rng() % n); };
-  PolicyInputEntry e(PolicyId::make(source, index));
-  e.endpointIs(Ludd::IpAddr::fromU32(0x0a010000 + index));
-  e.colorIs(Color(100 + index % 3));
-  e.preferenceIs(Preference(100 + draw(50)));
-  e.bindingSidIs(draw(4) ? Ludd::MplsLabel(100000 + index * 8 + draw(8)) : Ludd::MplsLabel::none());
+  TestSupport::InputRecord e(source, index);
+  e.to(Ludd::IpAddr::fromU32(0x0a010000 + index), 100 + index % 3).pref(100 + draw(50));
+  e.bsid(draw(4) ? Ludd::MplsLabel(100000 + index * 8 + draw(8)) : Ludd::MplsLabel::none());
   for (U32 l = 0, lists = 1 + draw(3); l < lists; ++l) {
     U32 const top = draw(5) ? (draw(2) ? 16002 : 16003) : 17000;  // 17000 does not resolve
-    e.segmentListPush(WeightedSegList(Weight(1 + draw(4)),
-                                      Ludd::MplsLabelOperation{top, 20000 + l * 100 + draw(50)}));
+    e.list({top, 20000 + l * 100 + draw(50)}, 1 + draw(4));
   }
   return e;
 }

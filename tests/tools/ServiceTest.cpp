@@ -13,6 +13,7 @@
 #include <regex>
 
 #include "AgentProcess.h"
+#include "InputRecord.h"
 #include "SrTePolicy/SrTePolicyInputShm.h"
 
 using namespace AgentTesting;
@@ -45,12 +46,10 @@ struct TempDir {
 
 // One candidate path into a table, through the writer a source uses.
 void put(PolicyInputShmWriter& w, U32 index, char const* endpoint, U32 bsid, U32 label) {
-  PolicyInputEntry e(PolicyId::make(PolicySource::sourceBgp, index));
-  e.endpointIs(Ludd::IpGenAddr::parse(endpoint));
-  e.colorIs(Color(100));
-  e.bindingSidIs(Ludd::MplsLabel(bsid));
-  e.segmentListPush(WeightedSegList(Weight(1), Ludd::MplsLabelOperation{label}));
-  w.put(e);
+  w.put(TestSupport::InputRecord(PolicySource::sourceBgp, index)
+            .to(endpoint, 100)
+            .bsid(bsid)
+            .list({label}));
 }
 
 // An HTTP/1.0 exchange with 127.0.0.1:`port`: the whole response (status line, header and

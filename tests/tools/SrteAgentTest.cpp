@@ -17,6 +17,7 @@
 
 #include "AgentProcess.h"
 #include "DaemonOptions.h"
+#include "InputRecord.h"
 #include "PublishedFeed.h"
 #include "ScenarioPlatform.h"
 #include "ScenarioReader.h"
@@ -66,13 +67,11 @@ class Feed : public ::testing::Test {
         .apply(s.platform);
   }
   void write(U32 index, char const* endpoint, U32 bsid, std::vector<Ludd::MplsLabelOperation> l) {
-    PolicyInputEntry e(PolicyId::make(PolicySource::sourceBgp, index));
-    e.endpointIs(Ludd::IpGenAddr::parse(endpoint));
-    e.colorIs(Color(5));
-    e.bindingSidIs(Ludd::MplsLabel(bsid));
+    TestSupport::InputRecord e(PolicySource::sourceBgp, index);
+    e.to(endpoint, 5).bsid(bsid);
     U32 w = 1;
     for (auto const& stack : l)
-      e.segmentListPush(WeightedSegList(Weight(w++), stack));
+      e.list(stack, w++);
     agent.sourceTableIs(PolicySource::sourceBgp)->policyInputEntryIs(e);
   }
   // Lets the pipeline settle, flushes and returns the gist of the new lines, sorted (within
@@ -156,18 +155,16 @@ TEST_F(Feed, ADamagedTableIsDetachedAndRefusedUntilMadeAnew) {
   Skerry::shmTableRemove(table);
   TableRemoval removal{table};
   auto candidate = [](U32 index) {
-    PolicyInputEntry e(PolicyId::make(PolicySource::sourceBgp, index));
-    e.endpointIs(Ludd::IpAddr::fromU32(0x0a000000 + index));
-    e.colorIs(Color(5));
-    return e;
+    return TestSupport::InputRecord(PolicySource::sourceBgp, index)
+        .to(Ludd::IpAddr::fromU32(0x0a000000 + index), 5);
   };
   std::optional<PolicyInputShmWriter> writer(std::in_place, table);
   writer->put(candidate(1));
   writer->put(candidate(2));
   // Another source's candidate path, which must stay.
-  PolicyInputEntry pcep(PolicyId::make(PolicySource::sourcePcep, 1));
-  pcep.endpointIs(Ludd::IpGenAddr::parse("192.0.2.9"));
-  agent.sourceTableIs(PolicySource::sourcePcep)->policyInputEntryIs(pcep);
+  agent.sourceTableIs(PolicySource::sourcePcep)
+      ->policyInputEntryIs(
+          TestSupport::InputRecord(PolicySource::sourcePcep, 1).to("192.0.2.9", 0));
 
   SrTeDaemon::SourceWatcher watcher(agent, log, {PolicySource::sourceBgp, table});
   out.str("");

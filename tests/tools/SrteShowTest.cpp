@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "AgentProcess.h"
+#include "InputRecord.h"
 #include "SrTePolicy/SrTePolicyInputShm.h"
 
 using Json = nlohmann::ordered_json;
@@ -270,14 +271,10 @@ TEST_F(SrteShowTest, ReadersShareOneSnapshotAndTheirNumberIsBounded) {
     options.capacity = policies;
     SrTePolicy::PolicyInputShmWriter writer(table, options);
     for (U32 i = 1; i <= policies; ++i) {
-      SrTePolicy::PolicyInputEntry e(
-          SrTePolicy::PolicyId::make(SrTePolicy::PolicySource::sourceBgp, i));
-      e.endpointIs(Ludd::IpAddr::fromU32(0x0a000000 + i));
-      e.colorIs(SrTePolicy::Color(100));
-      e.bindingSidIs(Ludd::MplsLabel(100000 + i));
-      e.segmentListPush(SrTePolicy::WeightedSegList(SrTePolicy::Weight(1),
-                                                    Ludd::MplsLabelOperation{16002, 20000 + i}));
-      writer.put(e);
+      writer.put(TestSupport::InputRecord(SrTePolicy::PolicySource::sourceBgp, i)
+                     .to(Ludd::IpAddr::fromU32(0x0a000000 + i), 100)
+                     .bsid(100000 + i)
+                     .list({16002, 20000 + i}));
     }
   }
   constexpr int stalled = 40;

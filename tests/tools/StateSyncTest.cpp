@@ -14,6 +14,7 @@
 #include <functional>
 #include <random>
 
+#include "InputRecord.h"
 #include "ScenarioReader.h"
 #include "ScenarioRunner.h"
 #include "StateClient.h"
@@ -120,15 +121,13 @@ TEST_F(StateSyncTest, ReadersJoiningAtAnyMomentShowTheAgentsState) {
     if (rng() % 4 == 0) {
       table->policyInputEntryDel(id);
     } else {
-      SrTePolicy::PolicyInputEntry e(id);
-      e.endpointIs(Ludd::IpAddr::fromU32(0xc0000200 + index));
-      e.colorIs(SrTePolicy::Color(7));
-      e.preferenceIs(SrTePolicy::Preference(static_cast<U32>(100 + rng() % 20)));
-      e.bindingSidIs(Ludd::MplsLabel(700000 + index));
-      e.segmentListPush(SrTePolicy::WeightedSegList(
-          SrTePolicy::Weight(static_cast<U32>(1 + rng() % 3)),
-          Ludd::MplsLabelOperation{rng() % 2 ? 16002u : 16003u, static_cast<U32>(30 + rng() % 5)}));
-      table->policyInputEntryIs(e);
+      U32 const preference = 100 + rng() % 20, weight = 1 + rng() % 3;
+      U32 const top = rng() % 2 ? 16002 : 16003, next = 30 + rng() % 5;
+      table->policyInputEntryIs(TestSupport::InputRecord(id)
+                                    .to(Ludd::IpAddr::fromU32(0xc0000200 + index), 7)
+                                    .pref(preference)
+                                    .bsid(700000 + index)
+                                    .list({top, next}, weight));
     }
     run->agent().advanceUntilIdle();
     if (rng() % 2) server->publish();
