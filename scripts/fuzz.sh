@@ -1,12 +1,13 @@
 #!/usr/bin/env bash
-# Builds the fuzz harnesses of fuzz/ with clang and libFuzzer into build/fuzz and runs each for
+# Builds the fuzz harnesses of fuzz/ with clang and libFuzzer in the sanitizer tree build/asan
+# (scripts/test.sh --sanitize; after that run only the harnesses link) and runs each for
 # SECONDS (default 60), as many at once as there are cores. Fails when any harness crashes,
 # leaks, hangs or trips a sanitizer; the input that did it is copied to
 # fuzz/regressions/<Name>/, where the replay tests of the normal builds pick it up.
 #
 #   scripts/fuzz.sh [SECONDS] [Name...]     e.g. scripts/fuzz.sh 600 ValueText
 #
-# Each harness grows its own working corpus in build/fuzz/corpus/<Name>/ from the seeds in
+# Each harness grows its own working corpus in build/asan/corpus/<Name>/ from the seeds in
 # fuzz/corpus/<Name>/, so a later run goes on from where the last one stopped.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -14,11 +15,10 @@ scripts/deps.sh
 
 seconds=${1:-60}
 shift || true
-dir=build/fuzz
+dir=build/asan
 jobs=$(nproc)
 
-CXX=clang++ cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DSRTE_FUZZ=ON \
-  -DSRTE_WERROR=ON -DSRTE_BUILD_TESTS=OFF -DSRTE_BUILD_BENCH=OFF >/dev/null
+scripts/test.sh --sanitize --configure-only
 cmake --build "$dir" -j "$jobs" --target srte-fuzzers
 
 if [ $# -gt 0 ]; then

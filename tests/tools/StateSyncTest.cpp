@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <boost/asio/local/stream_protocol.hpp>
+#include <boost/asio/steady_timer.hpp>
 #include <boost/asio/write.hpp>
 #include <chrono>
 #include <cstdlib>
@@ -284,6 +285,12 @@ TEST_F(StateSyncTest, AcceptPausesWhenTheProcessIsOutOfDescriptors) {
   // then never accepts it.
   auto run = runner("examples/01-two-sources.json");
   auto server = serve(run->agent());
+  // The undefined-behaviour sanitizer checks an object's dynamic type the first time it meets
+  // it by probing memory through a pipe, which fails while no descriptor is left: a timer waited
+  // before they are taken has its type checked already.
+  boost::asio::steady_timer warm(io_, std::chrono::milliseconds(0));
+  warm.async_wait([](boost::system::error_code) {});
+  io_.run_for(std::chrono::milliseconds(10));
   boost::asio::local::stream_protocol::socket client(io_);
   client.connect(boost::asio::local::stream_protocol::endpoint(path_));  // waits in the backlog
   // No descriptor left: the limit just above the highest in use, and every free one below taken.
