@@ -6,7 +6,7 @@
 #include <cstring>
 #include <vector>
 
-#include "SrTePolicy/SrTePolicyTypes.h"
+#include "InputRecord.h"
 
 using namespace SrTePolicy;
 using Ludd::IpAddr;
@@ -22,27 +22,27 @@ char const* const kIndexError =
 PolicyId const kId = PolicyId::make(PolicySource::sourceBgp, 7);
 
 PolicyInputEntry entry(U32 lists, PolicyId id = kId) {
-  PolicyInputEntry e(id);
-  e.endpointIs(IpGenAddr::parse("1.2.3.4"));
-  e.colorIs(Color(5));
-  e.preferenceIs(Preference(200));
-  e.routerIdIs(IpAddr::parse("9.9.9.9"));
-  e.bindingSidIs(MplsLabel(900));
+  auto e = TestSupport::InputRecord(id).to("1.2.3.4", 5).pref(200).router(IpAddr::parse("9.9.9.9"));
+  e.bsid(900);
   for (U32 i = 0; i < lists; ++i)
-    e.segmentListPush(WeightedSegList(Weight(i + 1), MplsLabelOperation{16000 + i, 17000}));
+    e.list({16000 + i, 17000}, i + 1);
   return e;
 }
 
-U32 wordAt(std::array<U8, 700> const& bytes, U32 offset) {
+using Bytes = std::array<U8, 700>;
+U32 wordAt(Bytes const& bytes, U32 offset) {
   U32 w;
   std::memcpy(&w, bytes.data() + offset, 4);
   return w;
+}
+void putWord(Bytes& bytes, U32 offset, U32 w) {
+  std::memcpy(bytes.data() + offset, &w, 4);
 }
 
 // Faults: a field that moved in the record; a serialisation that writes the unused slots or a
 // length that counts them.
 TEST(PolicyInputEntry, SerialisesHeaderThenUsedElementsOnly) {
-  std::array<U8, 700> bytes;
+  Bytes bytes;
   bytes.fill(0xab);
   PolicyInputEntry e = entry(2);
   EXPECT_EQ(e.serialize(bytes.data()), 684u - 14 * 40);
@@ -63,10 +63,9 @@ TEST(PolicyInputEntry, SerialisesHeaderThenUsedElementsOnly) {
 
 // Faults: a stored count of 17 read (past the array), or given a non-zero length.
 TEST(PolicyInputEntry, CountAbove16IsNeverRead) {
-  std::array<U8, 700> bytes{};
+  Bytes bytes{};
   entry(16).serialize(bytes.data());
-  U32 seventeen = 17;
-  std::memcpy(bytes.data() + 40, &seventeen, 4);
+  putWord(bytes, 40, 17);
   EXPECT_EQ(PolicyInputEntry::deserializedLength(bytes.data()), 0u);
   try {
     PolicyInputEntry::deserialize(bytes.data(), 684);
@@ -135,25 +134,22 @@ TEST(PolicyInputEntry, TextForm) {
 // would not match the same candidate written cleanly); a zero weight accepted.
 TEST(PolicyInputEntry, ReadingValidatesAndNormalises) {
   PolicyInputEntry clean = entry(1);
-  std::array<U8, 700> bytes{};
+  Bytes bytes{};
   clean.serialize(bytes.data());
-  U32 junk = 12345;
-  std::memcpy(bytes.data() + 44 + 4 + 4 * 4, &junk, 4);  // label slot 4 of a 2-label stack
-  std::memcpy(bytes.data() + 4 + 4 + 8, &junk, 4);       // address bytes an IPv4 endpoint leaves
+  putWord(bytes, 44 + 4 + 4 * 4, 12345);  // label slot 4 of a 2-label stack
+  putWord(bytes, 4 + 4 + 8, 12345);       // address bytes an IPv4 endpoint leaves
   EXPECT_EQ(PolicyInputEntry::deserialize(bytes.data(), 84), clean);
-  U32 zero = 0;
-  std::memcpy(bytes.data() + 44, &zero, 4);
+  putWord(bytes, 44, 0);
   EXPECT_THROW(PolicyInputEntry::deserialize(bytes.data(), 84), Mosk::RangeException);
 }
 
 // Faults: a stack of more than six labels cut down to six, or a label above the no-label value
 // replaced, so that the candidate would forward over a stack its writer never gave.
 TEST(PolicyInputEntry, ReadingRefusesAMalformedLabelStack) {
-  std::array<U8, 700> bytes{};
+  Bytes bytes{};
   entry(2).serialize(bytes.data());
   U32 const sizeOffset = 44 + 40 + 4 + 6 * 4;  // the size word of the second list's stack
-  U32 seven = 7;
-  std::memcpy(bytes.data() + sizeOffset, &seven, 4);
+  putWord(bytes, sizeOffset, 7);
   try {
     PolicyInputEntry::deserialize(bytes.data(), 124);
     FAIL() << "a stack of seven labels was read";
@@ -163,9 +159,8 @@ TEST(PolicyInputEntry, ReadingRefusesAMalformedLabelStack) {
               "MplsStackEntryIndex::value < MplsStackEntryIndex::min or > "
               "MplsStackEntryIndex::max not allowed");
   }
-  U32 two = 2, tooLarge = 0x100001;
-  std::memcpy(bytes.data() + sizeOffset, &two, 4);
-  std::memcpy(bytes.data() + sizeOffset - 5 * 4, &tooLarge, 4);  // the second list's label 1
+  putWord(bytes, sizeOffset, 2);
+  putWord(bytes, sizeOffset - 5 * 4, 0x100001);  // the second list's label 1
   EXPECT_THROW(PolicyInputEntry::deserialize(bytes.data(), 124), Mosk::RangeException);
 }
 

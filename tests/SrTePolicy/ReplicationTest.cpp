@@ -1,5 +1,6 @@
-// Attribute-log forms of the policy value types and replication of the entities that other
-// processes mount: selection input, endpoint-color policies, published status, configuration.
+// The models other processes mount (selection input, endpoint-color policies, published status,
+// configuration): their keyed collections and their replication. (The values' log forms:
+// SrTePolicyTypesTest.)
 #include <gtest/gtest.h>
 
 #include "Mosk/Reflection.h"
@@ -18,90 +19,33 @@ using Ludd::MplsLabel;
 
 namespace {
 
-template <class T>
-void expectRoundTrip(T const& v) {
-  EXPECT_EQ(Mosk::logParse<T>(Mosk::logBytes(v)), v) << Mosk::valueToStrep(v);
-}
-
-template <class T>
-void expectRangeError(std::vector<U8> const& bytes, std::string const& message) {
-  try {
-    (void)Mosk::logParse<T>(bytes);
-    ADD_FAILURE() << "accepted " << message;
-  } catch (Mosk::RangeException const& e) {
-    EXPECT_EQ(e.reason(), message);
-  }
-}
-
-std::vector<U8> words(std::initializer_list<U32> ws) {
-  Mosk::LogWriter w;
-  for (U32 x : ws)
-    w.u32(x);
-  return w.take();
-}
-
 PolicyKey key(U32 color) {
   return PolicyKey(IpGenAddr(IpAddr::fromU32(0x0a000001)), Color(color));
 }
 
-TEST(ReplicationValues, EveryValueTypeRoundTrips) {
-  // Catches: a value whose attribute-log form loses or reorders a field.
-  // The scalar wrappers share one generated log form; one of them stands for all.
-  expectRoundTrip(PolicyId::make(PolicySource::sourcePcep, 77));
-  expectRoundTrip(PolicySource::sourceOther);
-  expectRoundTrip(SegmentType::segMplsLabel);
-  expectRoundTrip(PolicyKey(IpGenAddr::parse("2001:db8::1"), Color(5)));
-  expectRoundTrip(PolicyKey());
-  expectRoundTrip(PolicyEcpKey(IpGenAddr::parse("10.0.0.2"), Color(3), Preference(7)));
-  expectRoundTrip(BsidKeyedPolicy(MplsLabel(900), key(4)));
-  expectRoundTrip(Priority(Preference(200), PolicySource::sourceBgp, IpAddr::fromU32(7), 9));
-  expectRoundTrip(WeightedSegList(Weight(3), Ludd::MplsLabelOperation{16001, 16002, 16003}));
-  expectRoundTrip(WeightedSegmentList(Tunnel::TunnelTable::TunnelId(1ull << 44), Weight(2)));
-  expectRoundTrip(PendingIdBookmark(false, 12));
-  expectRoundTrip(PendingKeyBookmark(false, key(8)));
-  expectRoundTrip(Export::Segment(MplsLabel(3)));
-  expectRoundTrip(Qos::Dscp(Qos::Dscp::invalid));
-  PolicyInputEntry entry(PolicyId(5));
-  entry.segmentListPush(WeightedSegList(Weight(2), Ludd::MplsLabelOperation{100}));
-  entry.segmentListPush(WeightedSegList(Weight(1), Ludd::MplsLabelOperation{}));
-  expectRoundTrip(entry);
-}
-
-TEST(ReplicationValues, PriorityIsFourNetworkOrderWords) {
-  // Catches: a byte order or field order other than preference, source, routerId, id.
-  Priority p(Preference(0x01020304), PolicySource::sourcePcep, IpAddr::fromU32(0x0a0b0c0d), 7);
-  EXPECT_EQ(Mosk::logBytes(p), words({0x01020304, 2, 0x0a0b0c0d, 7}));
-}
-
-TEST(ReplicationValues, ReadingRunsTheRangeChecks) {
-  // Catches: a range check skipped on reading (each value below is refused by construction).
-  expectRangeError<Weight>(words({0}), "Weight::value < Weight::min or > Weight::max not allowed");
-  expectRangeError<SegmentListIndex>(
-      words({16}),
-      "SegmentListIndex::value < SegmentListIndex::min or > SegmentListIndex::max not allowed");
-  expectRangeError<Qos::Dscp>({65}, "Dscp::value < Dscp::min or > Dscp::invalid not allowed");
-  expectRangeError<PolicySource>(words({4}), "PolicySource value 4 not allowed");
-  expectRangeError<MplsLabel>(words({0x100001}),
-                              "MplsLabel::value < MplsLabel::min or > MplsLabel::max not allowed");
-  expectRangeError<Ludd::MplsLabelOperation>(
-      {7},
-      "MplsStackEntryIndex::value < MplsStackEntryIndex::min or > "
-      "MplsStackEntryIndex::max not allowed");
-  expectRangeError<Tunnel::TunnelTable::TunnelId>(
-      {0, 1, 0, 0, 0, 0, 0, 0},
-      "TunnelId::value < TunnelId::minValue or > TunnelId::maxValue not allowed");
-  // A weight of zero inside a composite names the field.
-  try {
-    (void)Mosk::logParse<WeightedSegmentList>({0, 0, 0, 0, 0, 0, 0, 1, /* weight */ 0, 0, 0, 0});
-    ADD_FAILURE() << "weight 0 accepted";
-  } catch (Mosk::RangeException const& e) {
-    EXPECT_EQ(e.attribute(), "weight");
-  }
-  // Sixteen segment lists at most in an input record.
-  PolicyInputEntry entry(PolicyId(5));
-  std::vector<U8> bytes = Mosk::logBytes(entry);
-  bytes[4 + 1 + 4 + 4 + 4 + 4 + 3] = 17;  // key, empty endpoint, color, preference, routerId, bsid
-  EXPECT_THROW(Mosk::logParse<PolicyInputEntry>(bytes), Mosk::RangeException);
+// Catches candidate paths walked in insertion or hash order (100, 200, 10, 150), a re-set
+// segment list that adds a second entry, a missing no-label default, and a binding-SID index
+// keyed by the whole value (a re-pointed SID would add an entry).
+TEST(StaticConfig, CandidatesAscendAndListsAndSidsAreKeyedByTheirKeyAlone) {
+  auto config = configFactory("static");
+  auto policy = config->policyIs(key(7));
+  for (U32 pref : {200u, 10u, 150u, 100u})
+    policy->candidatePathIs(Preference(pref));
+  std::vector<U32> order;
+  for (auto it = policy->candidatePathIterConst(); it; ++it)
+    order.push_back(it.key().value());
+  EXPECT_EQ(order, (std::vector<U32>{10, 100, 150, 200}));
+  auto path = policy->candidatePath(Preference(150));
+  EXPECT_TRUE(path->bindingSid().isNone() && policy->bindingSid().isNone());
+  path->segmentListIs(Ludd::MplsLabelOperation{16001, 16002}, Weight(1));
+  path->segmentListIs(Ludd::MplsLabelOperation{16001, 16002}, Weight(5));
+  EXPECT_EQ(path->segmentListCount(), 1u);
+  EXPECT_EQ(path->segmentList(Ludd::MplsLabelOperation{16001, 16002}), Weight(5));
+  config->bsidPolicyIs(BsidKeyedPolicy(MplsLabel(900001), PolicyKey()));
+  config->bsidPolicyIs(BsidKeyedPolicy(MplsLabel(900001), key(7)));
+  config->bsidPolicyDel(MplsLabel(5));
+  EXPECT_EQ(config->bsidPolicyCount(), 1u);
+  EXPECT_EQ(config->bsidPolicy(MplsLabel(900001))->key(), key(7));
 }
 
 // The text of every attribute of an entity and of its elements, through reflection.

@@ -1,5 +1,6 @@
 // The segment state machine: the full pass against the incremental route path, segment
-// lifetime, and the stability of status entries.
+// lifetime, and the stability of status entries. (Segments made before initialization
+// resolving at it: the restarts scenario and RestartEquivalenceTest.)
 #include <gtest/gtest.h>
 
 #include <string>
@@ -48,20 +49,13 @@ class SegmentSmTest : public ::testing::Test {
                                        segmentResolverFactory(lfib));
 };
 
-// Fault: resolving before handleInitialized, or never catching up on segments made earlier.
-TEST_F(SegmentSmTest, SegmentsMadeBeforeInitializationResolveAtInitialization) {
-  route(16001, 3, 30);
-  Ptr<SegmentMplsLabel> s = segment(16001);
-  EXPECT_EQ(status->statusCount(), 0u);
-  sm->handleInitialized();
-  EXPECT_EQ(adj(s), 30u);
-}
-
 // Faults: a skipped route (a pseudowire) of one source left standing by the incremental path,
-// or a whole-table notification that does not run the full pass. The rest of the incremental
-// rule (a removed route withdraws, a new one of any source takes over, the full pass restores
-// the lowest source) is the scenario lfib-incremental-full.
+// or a whole-table notification that does not run the full pass; the skip's trace line. The
+// rest of the incremental rule (a removed route withdraws, a new one of any source takes over,
+// the full pass restores the lowest source) is the scenario lfib-incremental-full, and which
+// routes resolution uses are the scenarios resolution-rules and no-resolved-list.
 TEST_F(SegmentSmTest, SkippedRouteWithdrawsUntilTheNextFullPass) {
+  TraceLines trace("SrTePolicySegmentResolver", 1u << 4);
   sm->handleInitialized();
   route(16001, 3, 30);
   route(16001, 7, 70);
@@ -71,6 +65,8 @@ TEST_F(SegmentSmTest, SkippedRouteWithdrawsUntilTheNextFullPass) {
   EXPECT_EQ(adj(s), 0u) << "the changed route alone is judged, though source 3 still resolves";
   lfib->lfibRouteNotifyCollection();
   EXPECT_EQ(adj(s), 30u) << "the whole-table notification runs the full pass";
+  EXPECT_EQ(trace.count("Skipping resolution via pseudowire "), 1);
+  EXPECT_EQ(trace.lines.size(), 1u);
 }
 
 // Faults: replacing the entry object on an adjacency change (watchers would lose it),

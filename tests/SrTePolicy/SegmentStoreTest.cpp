@@ -31,36 +31,23 @@ class SegmentStore : public ::testing::Test {
   Ptr<CoreDedupTables> tables = TestSupport::initializedTables();
 };
 
-TEST_F(SegmentStore, EqualLabelsShareOneSegmentAndOneId) {
+// Catches: equal labels not sharing one segment, an id handed out again, a segment delisted
+// while a holder remains or kept after the last, a lookup that inserts.
+TEST_F(SegmentStore, EqualLabelsShareOneSegmentUntilTheLastUserGoesAndIdsAreNeverReused) {
   Ptr<SegmentMplsLabel> a = segment(16001);
-  Ptr<SegmentMplsLabel> b = segment(16001);
-  Ptr<SegmentMplsLabel> c = segment(16002);
-  EXPECT_EQ(a, b);
+  Ptr<SegmentMplsLabel> keep = segment(16001);
+  EXPECT_EQ(a, keep);
   EXPECT_EQ(a->segmentId(), SegmentId(1));
-  EXPECT_EQ(c->segmentId(), SegmentId(2));
-  EXPECT_EQ(segments().segmentNotifierCount(), 2u);
+  EXPECT_EQ(segment(16002)->segmentId(), SegmentId(2));
   EXPECT_EQ(a->segmentLifeTimeNotifier()->segmentRawPtr(), a.ptr());
-}
-
-TEST_F(SegmentStore, LastUserGoneDelistsTheSegmentAndIdsAreNeverReused) {
-  Ptr<SegmentMplsLabel> a = segment(16001);
-  Ptr<SegmentMplsLabel> keep = a;
+  EXPECT_EQ(tables->segDedupTablePtr()->lookupByLabel(MplsLabel(16001)), a);
+  EXPECT_FALSE(tables->segDedupTablePtr()->lookupByLabel(MplsLabel(17000)));
   a = nullptr;
   EXPECT_EQ(segments().segmentNotifierCount(), 1u) << "removed while a holder remains";
   keep = nullptr;
   EXPECT_EQ(segments().segmentNotifierCount(), 0u);
   EXPECT_EQ(tables->segDedupTablePtr()->dedupTable()->size(), 0u);
-  Ptr<SegmentMplsLabel> again = segment(16001);
-  EXPECT_EQ(again->segmentId(), SegmentId(2)) << "a re-created segment gets a fresh id";
-  EXPECT_EQ(segments().uniqueId(), SegmentId(2));
-}
-
-TEST_F(SegmentStore, LookupByLabelNeverInserts) {
-  Ptr<SegmentMplsLabel> a = segment(16001);
-  EXPECT_EQ(tables->segDedupTablePtr()->lookupByLabel(MplsLabel(16001)), a);
-  EXPECT_FALSE(tables->segDedupTablePtr()->lookupByLabel(MplsLabel(17000)));
-  EXPECT_EQ(segments().uniqueId(), SegmentId(1));
-  EXPECT_EQ(tables->segDedupTablePtr()->dedupTable()->size(), 1u);
+  EXPECT_EQ(segment(16001)->segmentId(), SegmentId(3)) << "a re-created segment gets a fresh id";
 }
 
 // A lookup by label is answered from the lifetime notifiee's label index while the index mirrors
@@ -119,11 +106,12 @@ TEST_F(SegmentStore, SegmentHashIsOneAtATimeOverTypeThenLabel) {
   EXPECT_EQ(segment(16001)->hash(), 0xac2fc779u);
 }
 
-TEST_F(SegmentStore, EqualStacksShareOneListAndOrderMatters) {
+// Catches: equal stacks not sharing one list, order ignored, a list's segments kept after the
+// last list goes, a list id handed out again.
+TEST_F(SegmentStore, EqualStacksShareOneListAndTheLastListReleasesItsSegments) {
   Ptr<SegmentList> a = list({16001, 16002});
-  Ptr<SegmentList> b = list({16001, 16002});
   Ptr<SegmentList> reversed = list({16002, 16001});
-  EXPECT_EQ(a, b);
+  EXPECT_EQ(a, list({16001, 16002}));
   EXPECT_NE(a, reversed);
   EXPECT_EQ(a->segmentListId(), SegmentListId(1));
   EXPECT_EQ(reversed->segmentListId(), SegmentListId(2));
@@ -131,6 +119,10 @@ TEST_F(SegmentStore, EqualStacksShareOneListAndOrderMatters) {
   EXPECT_EQ(a->getSegmentId(0), SegmentId(1));
   EXPECT_EQ(segmentListFactory()->hash(), 0u);
   EXPECT_EQ(lists().segmentListNotifierCount(), 2u);
+  a = reversed = nullptr;
+  EXPECT_EQ(lists().segmentListNotifierCount(), 0u);
+  EXPECT_EQ(segments().segmentNotifierCount(), 0u);
+  EXPECT_EQ(list({16001, 16002})->segmentListId(), SegmentListId(3));
 }
 
 TEST_F(SegmentStore, AListHoldsSixSegmentsAtMost) {
@@ -159,15 +151,6 @@ TEST_F(SegmentStore, DeletedPositionsOfAListUnderConstructionReleaseTheirSegment
   EXPECT_TRUE(tables->segDedupTablePtr()->lookupByLabel(MplsLabel(16001)));
   l->segmentDelAll();
   EXPECT_FALSE(tables->segDedupTablePtr()->lookupByLabel(MplsLabel(16001)));
-}
-
-TEST_F(SegmentStore, ReleasingTheLastListReleasesItsSegments) {
-  Ptr<SegmentList> a = list({16001, 16002});
-  EXPECT_EQ(segments().segmentNotifierCount(), 2u);
-  a = nullptr;
-  EXPECT_EQ(lists().segmentListNotifierCount(), 0u);
-  EXPECT_EQ(segments().segmentNotifierCount(), 0u);
-  EXPECT_EQ(list({16001, 16002})->segmentListId(), SegmentListId(2));
 }
 
 TEST_F(SegmentStore, DumpListsLiveElementsByIdentifier) {

@@ -5,6 +5,7 @@
 #include <array>
 #include <sstream>
 
+#include "InputRecord.h"
 #include "SrTePolicyAgent.h"
 
 using namespace SrTePolicy;
@@ -28,14 +29,11 @@ class Agent : public ::testing::Test {
   }
   void candidate(PolicySource source, U32 index, char const* endpoint, U32 preference, U32 bsid,
                  std::initializer_list<MplsLabelOperation> stacks) {
-    PolicyInputEntry e(PolicyId::make(source, index));
-    e.endpointIs(IpGenAddr::parse(endpoint));
-    e.colorIs(Color(7));
-    e.preferenceIs(Preference(preference));
-    e.bindingSidIs(MplsLabel(bsid));
+    TestSupport::InputRecord e(source, index);
+    e.to(endpoint, 7).pref(preference).bsid(bsid);
     U32 w = 1;
     for (auto const& s : stacks)
-      e.segmentListPush(WeightedSegList(Weight(w++), s));
+      e.list(s, w++);
     agent.sourceTableIs(source)->policyInputEntryIs(e);
   }
   PolicyKey key(char const* endpoint) { return PolicyKey(IpGenAddr::parse(endpoint), Color(7)); }

@@ -9,6 +9,7 @@
 #include <map>
 
 #include "ChildProcess.h"
+#include "InputRecord.h"
 #include "SrTePolicy/SrTePolicyInputShm.h"
 #include "SrTePolicyAgent.h"
 
@@ -19,12 +20,10 @@ namespace {
 PolicySource const kBgp = PolicySource::sourceBgp, kPcep = PolicySource::sourcePcep;
 
 PolicyInputEntry candidate(PolicySource source, U32 index, U32 preference) {
-  PolicyInputEntry e(PolicyId::make(source, index));
-  e.endpointIs(Ludd::IpAddr::fromU32(0x0a000000 + index));
-  e.colorIs(Color(index % 4));
-  e.preferenceIs(Preference(preference));
-  e.segmentListPush(WeightedSegList(Weight(1), Ludd::MplsLabelOperation{16000 + index % 8, 20}));
-  return e;
+  return TestSupport::InputRecord(source, index)
+      .to(Ludd::IpAddr::fromU32(0x0a000000 + index), index % 4)
+      .pref(preference)
+      .list({16000 + index % 8, 20});
 }
 
 class PolicyInputShm : public ::testing::Test {

@@ -9,6 +9,7 @@
 #include <random>
 #include <string>
 
+#include "InputRecord.h"
 #include "PublishedState.h"
 #include "SrTePolicyAgent.h"
 
@@ -35,18 +36,12 @@ struct Restart {
   U32 step = 0;
 
   std::string text() const {
-    switch (kind) {
-      case Kind::none:
-        return "no restart";
-      case Kind::machine:
-        return std::string("restart of ") + machineName(machine) + " before step " +
-               std::to_string(step);
-      case Kind::pipeline:
-        return "pipeline restart before step " + std::to_string(step);
-      case Kind::agent:
-        return "agent restart before step " + std::to_string(step);
-    }
-    return "";
+    if (kind == Kind::none) return "no restart";
+    std::string const what = kind == Kind::machine
+                                 ? std::string("restart of ") + machineName(machine)
+                             : kind == Kind::pipeline ? "pipeline restart"
+                                                      : "agent restart";
+    return what + " before step " + std::to_string(step);
   }
 };
 
@@ -81,16 +76,9 @@ class Scenario {
   U32 pick(U32 n) { return static_cast<U32>(rng_() % n); }
 
   void apply(Restart const& restart) {
-    switch (restart.kind) {
-      case Restart::Kind::none:
-        return;
-      case Restart::Kind::machine:
-        return agent_.restart(restart.machine);
-      case Restart::Kind::pipeline:
-        return agent_.restartPipeline();
-      case Restart::Kind::agent:
-        return agent_.restartAgent();
-    }
+    if (restart.kind == Restart::Kind::machine) agent_.restart(restart.machine);
+    if (restart.kind == Restart::Kind::pipeline) agent_.restartPipeline();
+    if (restart.kind == Restart::Kind::agent) agent_.restartAgent();
   }
 
   MplsLabelOperation stack() {
@@ -109,18 +97,17 @@ class Scenario {
     PolicySource const source = kSources[pick(3)];
     U32 const index = 1 + pick(kIndexes);
     U32 const k = (index + static_cast<U32>(source)) % kKeys;
-    PolicyInputEntry e(PolicyId::make(source, index));
-    e.endpointIs(keyOf(k).endpoint());
-    e.colorIs(keyOf(k).color());
     U32 const preferences[] = {10, 100, 200};
-    e.preferenceIs(Preference(preferences[pick(3)]));
+    TestSupport::InputRecord e(source, index);
     // Each candidate has a router id of its own: candidates equal in all but their id keep
     // whichever is active, by design, so which one wins would depend on history.
-    e.routerIdIs(Ludd::IpAddr::fromU32(0x01010000 + (static_cast<U32>(source) << 8) + index));
+    e.to(keyOf(k).endpoint(), keyOf(k).color().value())
+        .pref(preferences[pick(3)])
+        .router(Ludd::IpAddr::fromU32(0x01010000 + (static_cast<U32>(source) << 8) + index));
     U32 const bsid = pick(3);
-    e.bindingSidIs(bsid == 0 ? MplsLabel::none() : MplsLabel(900000 + 10 * k + bsid));
+    e.bsid(bsid == 0 ? MplsLabel::none() : MplsLabel(900000 + 10 * k + bsid));
     for (U32 n = 1 + pick(3); n > 0; --n)
-      e.segmentListPush(WeightedSegList(Weight(1 + pick(3)), stack()));
+      e.list(stack(), 1 + pick(3));
     agent_.sourceTableIs(source)->policyInputEntryIs(e);
   }
 

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "BgpSpeaker.h"
+#include "InputRecord.h"
 #include "SrPolicyEncoder.h"
 
 using namespace SrTeBgp;
@@ -44,11 +45,7 @@ SrPolicyNlri nlri(U32 distinguisher, char const* endpoint = "10.0.0.9", U32 colo
 }
 
 PolicyInputEntry path(U32 preference, std::initializer_list<U32> labels = {16001, 16009}) {
-  PolicyInputEntry e;
-  e.preferenceIs(SrTePolicy::Preference(preference));
-  e.segmentListPush(
-      SrTePolicy::WeightedSegList(SrTePolicy::Weight(2), Ludd::MplsLabelOperation(labels)));
-  return e;
+  return TestSupport::InputRecord().pref(preference).list(labels, 2);
 }
 
 Ludd::IpAddr const peerId = Ludd::IpAddr::parse("10.0.0.2");
@@ -169,9 +166,7 @@ TEST(BgpInputTable, ClearsAnEarlierRunRefusesForeignTablesAndFullOnes) {
   TableRemoval otherRemoval{other};
   {
     SrTePolicy::PolicyInputShmWriter w(other);
-    PolicyInputEntry e(PolicyId::make(SrTePolicy::PolicySource::sourcePcep, 1));
-    e.endpointIs(Ludd::IpGenAddr::parse("192.0.2.1"));
-    w.put(e);
+    w.put(TestSupport::InputRecord(SrTePolicy::PolicySource::sourcePcep, 1).to("192.0.2.1", 0));
   }
   EXPECT_THROW(BgpInputTable t(other), Mosk::RangeException);
   EXPECT_EQ(SrTePolicy::PolicyInputShmTable(other).count(), 1u);
@@ -340,58 +335,36 @@ TEST_F(Sessions, PathsComeAndGoWithTheirSession) {
   EXPECT_EQ(table_.count(), 0u);
 }
 
-// Catches: an OPEN that must be refused accepted, or refused with the wrong NOTIFICATION.
-TEST_F(Sessions, OpenRefusalsAnswerWithTheirCodes) {
-  struct Case {
-    char const* name;
-    Bytes open;
-    char const* notification;
-  };
+// Catches: an OPEN that must be refused accepted, or refused with the wrong NOTIFICATION; a
+// malformed header, a message out of turn or an UPDATE that cannot be framed taken instead of
+// closing the session with the right NOTIFICATION and its paths.
+TEST_F(Sessions, RefusedOpensAndMalformedMessagesCloseTheSession) {
   Bytes badVersion = openMessage(65000, 90, peerId, Families{true, true});
   badVersion[headerSize] = 3;
-  std::vector<Case> const cases = {
-      {"another AS", openMessage(65001, 90, peerId, Families{true, true}), "2/2"},
-      {"hold time 2", openMessage(65000, 2, peerId, Families{true, true}), "2/6"},
-      {"version 3", badVersion, "2/1"},
-      {"no SR Policy family", openMessage(65000, 90, peerId, Families{}), "2/7"},
-      {"our own identifier",
-       openMessage(65000, 90, Ludd::IpAddr::parse("10.0.0.1"), Families{true, false}), "2/3"},
-  };
-  startSpeaker();
-  for (Case const& c : cases) {
-    peer_ = tcp::socket(io_);
-    in_.clear();
-    closed_ = false;
-    connect();
-    ASSERT_EQ(next().first, U8(MessageType::open)) << c.name;
-    send(c.open);
-    EXPECT_EQ(notificationReceived(), c.notification) << c.name;
-  }
-  EXPECT_EQ(events_.seen.size(), cases.size());
-  EXPECT_EQ(table_.count(), 0u);
-}
-
-// Catches: a malformed header, a message out of turn or an UPDATE that cannot be framed taken
-// instead of closing the session with the right NOTIFICATION and its paths.
-TEST_F(Sessions, MalformedMessagesCloseTheSession) {
   Bytes badMarker = keepaliveMessage();
   badMarker[3] = 0;
-  Bytes updateOutOfTurn = withdrawMessage(nlri(1));
   Bytes cutUpdate = updateMessage(nlri(2), path(200), Ludd::IpAddr::parse("10.0.0.1"));
   cutUpdate[headerSize + 3] += 40;  // the attributes overrun the message
-  startSpeaker();
   struct Case {
     char const* name;
-    bool established;
+    bool established;  // or the speaker's OPEN just received
     Bytes message;
     char const* notification;
   };
   std::vector<Case> const cases = {
+      {"OPEN of another AS", false, openMessage(65001, 90, peerId, Families{true, true}), "2/2"},
+      {"OPEN with hold time 2", false, openMessage(65000, 2, peerId, Families{true, true}), "2/6"},
+      {"OPEN of version 3", false, badVersion, "2/1"},
+      {"OPEN without the SR Policy family", false, openMessage(65000, 90, peerId, Families{}),
+       "2/7"},
+      {"OPEN with our own identifier", false,
+       openMessage(65000, 90, Ludd::IpAddr::parse("10.0.0.1"), Families{true, false}), "2/3"},
       {"bad marker", true, badMarker, "1/1"},
-      {"UPDATE in OpenSent", false, updateOutOfTurn, "5/1"},
+      {"UPDATE in OpenSent", false, withdrawMessage(nlri(1)), "5/1"},
       {"UPDATE overrun", true, cutUpdate, "3/1"},
       {"second OPEN", true, openMessage(65000, 90, peerId, Families{true, true}), "5/3"},
   };
+  startSpeaker();
   for (Case const& c : cases) {
     peer_ = tcp::socket(io_);
     in_.clear();
@@ -403,7 +376,7 @@ TEST_F(Sessions, MalformedMessagesCloseTheSession) {
       ASSERT_TRUE(turnUntil([&] { return table_.count() == 1; })) << c.name;
     } else {
       connect();
-      ASSERT_EQ(next().first, U8(MessageType::open));
+      ASSERT_EQ(next().first, U8(MessageType::open)) << c.name;
     }
     send(c.message);
     EXPECT_EQ(notificationReceived(), c.notification) << c.name;
