@@ -32,6 +32,9 @@ class Fec {
   Via const& via(ViaIndex const& i) const;
   // Writes slot `i`; the count is not changed.
   void viaIs(ViaIndex const& i, Via const& via);
+  // Makes room for `count` via slots at once, for a writer that knows how many it will write;
+  // neither the slots nor the count change.
+  void viaSlotsReserve(U32 count) { vias_.reserve(count); }
   // The first viaCount() vias, in index order.
   Via const* begin() const { return vias_.data(); }
   Via const* end() const { return vias_.data() + viaCount_; }

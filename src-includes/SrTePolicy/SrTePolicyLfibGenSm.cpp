@@ -51,8 +51,9 @@ SrTePolicyLfibGenSm::~SrTePolicyLfibGenSm() {
 
 std::optional<Ludd::MplsLabel> SrTePolicyLfibGenSm::policyKeyBindingSidMap(
     PolicyKey const& key) const {
-  Ludd::MplsLabel const* installed = policyKeyBindingSidMap_.find(key);
-  return installed ? std::optional<Ludd::MplsLabel>(*installed) : std::nullopt;
+  NestedPolicyReactor const* reactor = nestedPolicy_.find(key);
+  if (reactor == nullptr || reactor->installed.isNone()) return std::nullopt;
+  return reactor->installed;
 }
 
 void SrTePolicyLfibGenSm::handleInitialized() {
@@ -71,19 +72,24 @@ void SrTePolicyLfibGenSm::handleInitialized() {
 
 void SrTePolicyLfibGenSm::handlePolicy(PolicyKey const& key) {
   if (!initialized_) return;
+  apply(key, policyStatus_->status(key).ptr(), nestedPolicy_.find(key));
+}
+
+SrTePolicyLfibGenSm::NestedPolicyReactor* SrTePolicyLfibGenSm::apply(PolicyKey const& key,
+                                                                     PolicyStatusEntry const* entry,
+                                                                     NestedPolicyReactor* reactor) {
   SRTE_TRACE2(traceHandle, TraceLevel::detail,
               "Policy: Endpoint: " << key.endpoint() << " Color: " << key.color(),
               "Policy: Endpoint: " << endpointWord(key.endpoint(), 0) << ":"
                                    << endpointWord(key.endpoint(), 1) << " Color: " << key.color());
-  Mosk::Ptr<PolicyStatusEntry const> const entry = policyStatus_->status(key);
   bool const qualifies = entry && entry->weightedViaSet() &&
                          entry->weightedViaSet()->weightedViaCount() > 0 &&
                          !entry->bindingSid().isNone();
-  Ludd::MplsLabel const* installed = policyKeyBindingSidMap_.find(key);
+  bool const isInstalled = reactor != nullptr && !reactor->installed.isNone();
   if (qualifies) {
     Mpls::Status& lfib = lfibOf(*lfibStatus_);
-    if (installed != nullptr) {
-      Ludd::MplsLabel const old = *installed;
+    if (isInstalled) {
+      Ludd::MplsLabel const old = reactor->installed;
       U64 const oldAdj = installedAdjacency(lfib, old);
       SRTE_TRACE2(traceHandle, TraceLevel::lfibEntry,
                   "Removing the LFIB entry for policy Endpoint: " << key.endpoint() << " Color: "
@@ -108,17 +114,22 @@ void SrTePolicyLfibGenSm::handlePolicy(PolicyKey const& key) {
                 "Added the LFIB entry for policy Endpoint: "
                     << endpointWord(key.endpoint(), 0) << ":" << endpointWord(key.endpoint(), 1)
                     << " Color: " << key.color() << " BSID: " << bindingSid << " Adj ID: " << adj);
-    policyKeyBindingSidMap_.set(key, bindingSid);
-    return;
+    // The entry qualifies, so it exists and can carry the key's reactor.
+    if (reactor == nullptr) reactor = nestedPolicyIs(Mosk::Ptr<PolicyStatusEntry const>(entry));
+    if (!isInstalled) ++installedCount_;
+    reactor->installed = bindingSid;
+    return reactor;
   }
-  if (installed == nullptr) return;
-  Ludd::MplsLabel const old = *installed;
+  if (!isInstalled) return reactor;
+  Ludd::MplsLabel const old = reactor->installed;
   Mpls::Status& lfib = lfibOf(*lfibStatus_);
   U64 const oldAdj = installedAdjacency(lfib, old);
   removeLfibEntry(lfib, old, oldAdj);
-  policyKeyBindingSidMap_.erase(key);
+  reactor->installed = Ludd::MplsLabel::none();
+  --installedCount_;
   SRTE_TRACE(traceHandle, TraceLevel::lfibEntry,
              "Policy deleted, Delete LFIB for BSID: " << old << ", release adjId " << oldAdj);
+  return reactor;
 }
 
 void SrTePolicyLfibGenSm::removeLfibEntry(Mpls::Status& lfib, Ludd::MplsLabel bindingSid, U64 adj) {
@@ -135,20 +146,47 @@ void SrTePolicyLfibGenSm::handleDel() {
     lfib->lfibRouteDelAll();
     lfib->lfibExtFecAdjacencyDelAll();
   }
-  policyKeyBindingSidMap_.clear();
+  // The reactors carry the installed binding SIDs: dropping them forgets those with them.
+  nestedPolicy_.clear();
+  installedCount_ = 0;
 }
 
 // Reactors
 
-void SrTePolicyLfibGenSm::nestedPolicyIs(Mosk::Ptr<PolicyStatusEntry const> const& entry) {
+SrTePolicyLfibGenSm::NestedPolicyReactor* SrTePolicyLfibGenSm::nestedPolicyIs(
+    Mosk::Ptr<PolicyStatusEntry const> const& entry) {
   if (!entry) {
     throw Mosk::RangeException(
         Mosk::nullMutatorMessage("nestedPolicy", "SrTePolicy::SrTePolicyLfibGenSm"));
   }
   PolicyKey const& key = entry->key();
-  nestedPolicy_.follow(key, entry, [&] {
+  return nestedPolicy_.follow(key, entry, [&] {
     return Mosk::Ptr<NestedPolicyReactor>(new NestedPolicyReactor(this, key));
   });
+}
+
+void SrTePolicyLfibGenSm::handleStatus(PolicyKey const& key) {
+  Mosk::Ptr<PolicyStatusEntry const> const entry = policyStatus_->status(key);
+  NestedPolicyReactor* reactor = nestedPolicy_.find(key);
+  if (initialized_) reactor = apply(key, entry.ptr(), reactor);
+  if (!entry) {
+    nestedPolicy_.erase(key);
+  } else if (reactor == nullptr) {
+    nestedPolicyIs(entry);
+  } else {
+    reactor->notifierIs(entry);
+  }
+}
+
+void SrTePolicyLfibGenSm::handleEntry(NestedPolicyReactor& reactor) {
+  if (!initialized_) return;
+  Mosk::Ptr<PolicyStatusEntry const> const entry = reactor.notifier();
+  // The watched entry is the key's own while the status holds it; otherwise ask the status.
+  if (entry && entry->parent() == policyStatus_.ptr()) {
+    apply(reactor.key(), entry.ptr(), &reactor);
+  } else {
+    handlePolicy(reactor.key());
+  }
 }
 
 // The binding SID and the weighted set are handled as a FEC id change: every one of them
@@ -162,16 +200,11 @@ void SrTePolicyLfibGenSm::NestedPolicyReactor::onWeightedViaSet() {
 }
 
 void SrTePolicyLfibGenSm::NestedPolicyReactor::onSrTePolicyFecId() {
-  sm_->handlePolicy(key_);
+  sm_->handleEntry(*this);
 }
 
 void SrTePolicyLfibGenSm::PolicyStatusReactor::onStatus(PolicyKey const& key) {
-  sm_->handlePolicy(key);
-  if (Mosk::Ptr<PolicyStatusEntry const> const entry = sm_->policyStatus_->status(key)) {
-    sm_->nestedPolicyIs(entry);
-  } else {
-    sm_->nestedPolicy_.erase(key);
-  }
+  sm_->handleStatus(key);
 }
 
 // The handlers that tools may call by name (Mosk/Reflection.h).

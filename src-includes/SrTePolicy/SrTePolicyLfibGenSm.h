@@ -43,7 +43,7 @@ class SrTePolicyLfibGenSm : public StateMachine {
   void routeMetricIs(U32 metric) { routeMetric_ = metric; }
   // The binding SID under which an entry is installed for `key`, while one is.
   std::optional<Ludd::MplsLabel> policyKeyBindingSidMap(PolicyKey const& key) const;
-  U32 policyKeyBindingSidMapCount() const { return policyKeyBindingSidMap_.size(); }
+  U32 policyKeyBindingSidMapCount() const { return installedCount_; }
   bool initialized() const { return initialized_; }
 
   // Wipes the routes and external FEC adjacencies of the LFIB, then installs every entry.
@@ -54,13 +54,18 @@ class SrTePolicyLfibGenSm : public StateMachine {
   void handleDel();
 
  private:
-  // Watches one PolicyStatusEntry.
+  // Watches one PolicyStatusEntry and remembers the binding SID under which the key's entry is
+  // installed (none while nothing is), so a change of the entry is handled without looking the
+  // key up in any table.
   class NestedPolicyReactor : public PolicyStatusEntry::NotifieeConst {
    public:
     NestedPolicyReactor(SrTePolicyLfibGenSm* sm, PolicyKey const& key) : sm_(sm), key_(key) {}
+    PolicyKey const& key() const { return key_; }
     void onBindingSid() override;
     void onWeightedViaSet() override;
     void onSrTePolicyFecId() override;
+
+    Ludd::MplsLabel installed;
 
    private:
     SrTePolicyLfibGenSm* const sm_;
@@ -77,7 +82,15 @@ class SrTePolicyLfibGenSm : public StateMachine {
   };
 
   // The nested reactors, by key. A null entry is refused with the range error.
-  void nestedPolicyIs(Mosk::Ptr<PolicyStatusEntry const> const& entry);
+  NestedPolicyReactor* nestedPolicyIs(Mosk::Ptr<PolicyStatusEntry const> const& entry);
+  // A status entry added, replaced or removed: handles it and moves the key's reactor along.
+  void handleStatus(PolicyKey const& key);
+  // A change of the entry that `reactor` watches.
+  void handleEntry(NestedPolicyReactor& reactor);
+  // handlePolicy's work for `key`, given its status entry (null when gone) and its reactor (null
+  // when it has none; created when an entry is installed). Returns the reactor.
+  NestedPolicyReactor* apply(PolicyKey const& key, PolicyStatusEntry const* entry,
+                             NestedPolicyReactor* reactor);
 
   Mosk::Ptr<PolicyStatus const> const policyStatus_;
   Mosk::Ptr<SrTePolicyLfibStatus> const lfibStatus_;
@@ -88,7 +101,8 @@ class SrTePolicyLfibGenSm : public StateMachine {
   // two policies claim one binding SID, it may be the other policy's entry.
   void removeLfibEntry(Mpls::Status& lfib, Ludd::MplsLabel bindingSid, U64 adj);
 
-  Mosk::HashMap<PolicyKey, Ludd::MplsLabel> policyKeyBindingSidMap_;
+  // The installed binding SIDs live in the reactors; this counts the keys that have one.
+  U32 installedCount_ = 0;
   Mosk::ReactorMap<PolicyKey, NestedPolicyReactor> nestedPolicy_;
   bool initialized_ = false;
   Mosk::Ptr<PolicyStatusReactor> policyStatusReactor_;

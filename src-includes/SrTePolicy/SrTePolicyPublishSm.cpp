@@ -3,6 +3,8 @@
 
 #include "Mosk/Reflection.h"
 
+#include <algorithm>
+
 #include "Flicker/Flicker.h"
 #include "SrTePolicy/SrTePolicyTrace.h"
 
@@ -170,6 +172,8 @@ void PolicyPublishSm::updateSrTePolicyFec(Mosk::Ptr<PolicyEntry const> const& ac
   // The table hands an existing FEC back cleared, so vias of lists the candidate no longer
   // has do not survive; only the count is raised here.
   Fib::Fec& fec = srteFwdStatus_->fecForWrite(fecId);
+  // One block for the vias of a new FEC instead of one per via written.
+  fec.viaSlotsReserve(std::min(active->wSegmentListCount(), Fib::Fec::maxVias));
   Fib::ViaIndex position(1);
   for (auto c = active->wSegmentListIter(); c; ++c) {
     Tunnel::TunnelTable::TunnelId const& tunnelId = c.value().tunnelId();
