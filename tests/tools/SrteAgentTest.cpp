@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "AgentMetrics.h"
 #include "AgentProcess.h"
 #include "DaemonOptions.h"
 #include "InputRecord.h"
@@ -207,6 +208,26 @@ TEST_F(Feed, ADamagedTableIsDetachedAndRefusedUntilMadeAnew) {
 
 // Faults: bad usage accepted, or refused without naming the argument; defaults that do not
 // match the tables srte-source writes.
+// Catches: a FEC that a change took in asks for but that a later flush of the same busy spell
+// writes (a record taken in while the first publish window ran), left out of the delays; a
+// delay measured from a change older than the youngest one not yet published; the clock not
+// stopped once the pipeline settled, so a later FEC is measured from an old change.
+TEST(PublishDelay, EveryFecOfABusySpellIsMeasuredAndNoneAfterItSettled) {
+  SrTeDaemon::AgentMetrics m;
+  nlohmann::ordered_json const fec = {{"fec", 1}};
+  m.inputSeen(1.0);
+  m.inputSeen(1.03);
+  m.fecWritten(fec, 1.06);  // the first window: measured from the first change
+  m.flushDone();
+  m.fecWritten(fec, 1.11);  // the next window: from the change it may have come of
+  m.flushDone();
+  m.inputSettled();
+  m.fecWritten(fec, 5.0);  // nothing taken in since: not a publish delay
+  m.flushDone();
+  EXPECT_EQ(m.delayCount(), 2u);
+  EXPECT_NEAR(m.delaySum(), 0.06 + 0.08, 1e-9);
+}
+
 TEST(DaemonOptions, DefaultsAndRefusals) {
   using SrTeDaemon::parseDaemonOptions;
   SrTeDaemon::DaemonOptions o = parseDaemonOptions({});

@@ -108,7 +108,7 @@ void AgentMetrics::fecWritten(OrderedJson const& after, double now) {
 }
 
 void AgentMetrics::flushDone() {
-  if (observed_) pendingSince_ = -1;
+  if (observed_) pendingSince_ = lastSeen_;
   observed_ = false;
 }
 

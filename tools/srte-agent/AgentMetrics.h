@@ -33,6 +33,7 @@ class AgentMetrics {
   // the agent's clock): the next FECs published are measured from the first such change.
   void inputSeen(double now) {
     if (pendingSince_ < 0) pendingSince_ = now;
+    lastSeen_ = now;
   }
   // The pipeline has nothing left to do: changes taken before now published nothing.
   void inputSettled() { pendingSince_ = -1; }
@@ -42,11 +43,14 @@ class AgentMetrics {
   // observes the delay from the first change seen since the last publication.
   void policyWritten(OrderedJson const& before, OrderedJson const& after);
   void fecWritten(OrderedJson const& after, double now);
-  // After a flush that wrote FEC lines: what was seen until now has been published.
+  // After a flush that wrote FEC lines. FECs of later flushes, until the pipeline settles, come
+  // of changes that this flush did not publish yet: the latest change seen is the youngest of
+  // them, so they are measured from it (never longer than their true delay).
   void flushDone();
 
   U64 bindingSidConflicts() const { return conflicts_; }
   U64 delayCount() const { return delayCount_; }
+  double delaySum() const { return delaySum_; }
 
   // The exposition (text format 0.0.4) of `agent` (null once stopped: only the build and the
   // counters kept here) and its sources.
@@ -57,6 +61,7 @@ class AgentMetrics {
   void claim(OrderedJson const& state, int delta);
 
   double pendingSince_ = -1;
+  double lastSeen_ = -1;
   bool observed_ = false;
   std::array<U64, delayBuckets.size()> delayBucketCounts_{};
   U64 delayCount_ = 0;
