@@ -111,7 +111,12 @@ def emit_scalar(o, v, model):
     o(f"  {u} value_ = {default};")
     o("};")
     o("")
-    o(f"inline std::ostream& operator<<(std::ostream& os, {v.name} const& v) {{")
+    emit_stream_operator(o, v.name)
+
+
+def emit_stream_operator(o, name):
+    """A value's `<<`, which writes its text form."""
+    o(f"inline std::ostream& operator<<(std::ostream& os, {name} const& v) {{")
     o("  v.strep(os);")
     o("  return os;")
     o("}")
@@ -172,11 +177,7 @@ def emit_composite(o, v, model):
         o("  U32 hash_ = computeHash();")
     o("};")
     o("")
-    o(f"inline std::ostream& operator<<(std::ostream& os, {n} const& v) {{")
-    o("  v.strep(os);")
-    o("  return os;")
-    o("}")
-    o("")
+    emit_stream_operator(o, n)
 
 
 def emit_composite_source(o, v, model):
