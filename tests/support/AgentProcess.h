@@ -8,39 +8,34 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
-#include <sys/syscall.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
-#include <fstream>
 #include <nlohmann/json.hpp>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "ChildProcess.h"
-#include "Skerry/ShmTable.h"
+#include "TestTable.h"
 
 namespace AgentTesting {
 
 using TestSupport::awaitEnd;
+using TestSupport::eventually;
 using TestSupport::exitStatus;
 using TestSupport::Outcome;
 using TestSupport::runProgram;
 using TestSupport::slurp;
 using TestSupport::spawn;
+using TestSupport::testName;
+using TestSupport::TestTable;
 
 using OrderedJson = nlohmann::ordered_json;
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
-
-// Removes a table when the test ends, whichever way.
-struct TableRemoval {
-  std::string name;
-  ~TableRemoval() { Skerry::shmTableRemove(name); }
-};
 
 // The resident memory of a process in KiB (VmRSS); -1 once it is gone.
 inline long residentKb(pid_t pid) {

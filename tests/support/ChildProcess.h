@@ -82,6 +82,16 @@ inline bool awaitEnd(pid_t pid, milliseconds timeout) {
   return ended;
 }
 
+// Asks `done` every 20 ms until it holds, for at most `timeout`; whether it came to hold.
+template <class F>
+bool eventually(F const& done, milliseconds timeout) {
+  for (auto const end = std::chrono::steady_clock::now() + timeout; !done();) {
+    if (std::chrono::steady_clock::now() >= end) return false;
+    ::poll(nullptr, 0, 20);
+  }
+  return true;
+}
+
 // Forks and runs `program` with `args`, standard output and error on `out` and `err`.
 inline pid_t spawn(char const* program, std::vector<std::string> args, int out, int err,
                    mode_t umask = 022) {
