@@ -27,30 +27,15 @@ std::string const sampleConfig = examples + "/agent/srte-agent.json";
 
 // A directory of the test's own, removed at the end.
 struct TempDir {
-  fs::path path;
-  TempDir() {
-    path = fs::temp_directory_path() /
-           ("srte-service-" + std::to_string(::getpid()) + "-" + std::to_string(counter()++));
-    fs::create_directories(path);
-  }
+  static inline int made = 0;
+  fs::path const path = fs::temp_directory_path() / testName("dir" + std::to_string(made++));
+  TempDir() { fs::create_directories(path); }
   ~TempDir() { fs::remove_all(path); }
   std::string write(std::string const& name, std::string const& text) const {
     std::ofstream(path / name) << text;
     return (path / name).string();
   }
-  static int& counter() {
-    static int n = 0;
-    return n;
-  }
 };
-
-// One candidate path into a table, through the writer a source uses.
-void put(PolicyInputShmWriter& w, U32 index, char const* endpoint, U32 bsid, U32 label) {
-  w.put(TestSupport::InputRecord(PolicySource::sourceBgp, index)
-            .to(endpoint, 100)
-            .bsid(bsid)
-            .list({label}));
-}
 
 // An HTTP/1.0 exchange with 127.0.0.1:`port`: the whole response (status line, header and
 // body), or empty when the server did not answer within `timeout`.
@@ -113,16 +98,6 @@ U16 freePort() {
   ::getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
   ::close(fd);
   return ntohs(a.sin_port);
-}
-
-// Polls `f` until it is true or `timeout` has passed.
-template <class F>
-bool eventually(F const& f, milliseconds timeout) {
-  for (auto const deadline = Clock::now() + timeout; Clock::now() < deadline;) {
-    if (f()) return true;
-    ::poll(nullptr, 0, 50);
-  }
-  return f();
 }
 
 }  // namespace
@@ -409,52 +384,44 @@ TEST(ServiceUnit, SystemdAnalyzeVerifiesTheUnit) {
 
 // --- Metrics --------------------------------------------------------------------------------
 
-namespace {
-
-// The agent with metrics on a free port, over a table the test writes: two policies published
-// with one binding SID between them (a conflict), one whose only label does not resolve.
-struct MetricsAgent {
-  std::string table = "srte-test-" + std::to_string(::getpid()) + "-metrics";
-  TableRemoval removal{table};
-  AgentProcess agent{{"--platform", examples + "/01-two-sources.json", "--source", "bgp=" + table,
-                      "--metrics", "127.0.0.1:0", "--poll-ms", "5"}};
-  U16 port = 0;
-
-  MetricsAgent() {
-    OrderedJson started = agent.until("started").back();
-    port = portOf(started.value("metrics", std::string(":0")));
-  }
-  void write() {
-    PolicyInputShmWriter w(table);
-    put(w, 1, "192.0.2.1", 900001, 16002);
-    put(w, 2, "192.0.2.2", 900001, 16002);
-    put(w, 3, "192.0.2.3", 900003, 99999);
-  }
-};
-
-}  // namespace
-
 // Faults: a count by state that is wrong (a down policy counted up, a shared segment list
 // counted twice, a conflict missed), a delay never observed, an exposition promtool refuses
 // (names, units, HELP and TYPE), another path answered as /metrics, a request too large
-// buffered whole, a client that sends half a request stalling the others.
-TEST(ServiceMetrics, ExpositionCountsAndHttp) {
-  MetricsAgent m;
-  ASSERT_NE(m.port, 0) << "no metrics address in the started line";
+// buffered whole, a client that sends half a request stalling the others; an endpoint a real
+// prometheus server cannot scrape or parse, series it cannot query.
+TEST(ServiceMetrics, ExpositionCountsHttpAndAPrometheusScrape) {
+  ASSERT_EQ(::access("/usr/bin/prometheus", X_OK), 0)
+      << "prometheus is not installed (scripts/deps.sh installs it)";
+  // The agent over a table the test writes: two policies with one binding SID between them (a
+  // conflict), one whose only label does not resolve.
+  TestTable const table("metrics");
+  AgentProcess agent{{"--platform", examples + "/01-two-sources.json", "--source", "bgp=" + table,
+                      "--metrics", "127.0.0.1:0", "--poll-ms", "5"}};
+  U16 const port = portOf(agent.until("started").back().value("metrics", std::string(":0")));
+  ASSERT_NE(port, 0) << "no metrics address in the started line";
   // A client that connects and sends half a request must not hold up the scrape.
   int stalled = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   sockaddr_in a{};
   a.sin_family = AF_INET;
-  a.sin_port = htons(m.port);
+  a.sin_port = htons(port);
   a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   ASSERT_EQ(::connect(stalled, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
   ::send(stalled, "GET /metr", 9, MSG_NOSIGNAL);
 
-  m.write();
+  {
+    PolicyInputShmWriter w(table);
+    for (auto [index, bsid, label] :
+         {std::tuple{1u, 900001u, 16002u}, {2u, 900001u, 16002u}, {3u, 900003u, 99999u}}) {
+      w.put(TestSupport::InputRecord(PolicySource::sourceBgp, index)
+                .to(("192.0.2." + std::to_string(index)).c_str(), 100)
+                .bsid(bsid)
+                .list({label}));
+    }
+  }
   std::string body;
   ASSERT_TRUE(eventually(
       [&] {
-        body = bodyOf(get(m.port, "/metrics"));
+        body = bodyOf(get(port, "/metrics"));
         return body.find("srte_fecs_installed 2\n") != std::string::npos &&
                body.find("srte_policies{state=\"down\"} 1\n") != std::string::npos;
       },
@@ -475,7 +442,7 @@ TEST(ServiceMetrics, ExpositionCountsAndHttp) {
       {"srte_active_candidate_transitions_total", 2},
       {"srte_binding_sid_routes_installed", 1},
       {"srte_binding_sid_conflicts", 1},
-      {"srte_source_attached{source=\"bgp\",table=\"" + m.table + "\"}", 1},
+      {"srte_source_attached{source=\"bgp\",table=\"" + table + "\"}", 1},
   };
   for (Expected const& e : expected)
     EXPECT_EQ(sample(body, e.series), e.value) << e.series;
@@ -491,30 +458,22 @@ TEST(ServiceMetrics, ExpositionCountsAndHttp) {
   EXPECT_EQ(check.status, 0) << check.out << check.err;
   EXPECT_EQ(check.out + check.err, "") << "promtool has remarks";
 
-  EXPECT_EQ(get(m.port, "/").rfind("HTTP/1.1 404", 0), 0u);
+  EXPECT_EQ(get(port, "/").rfind("HTTP/1.1 404", 0), 0u);
   EXPECT_EQ(
-      http(m.port, "POST /metrics HTTP/1.0\r\nContent-Length: 0\r\n\r\n").rfind("HTTP/1.1 405", 0),
+      http(port, "POST /metrics HTTP/1.0\r\nContent-Length: 0\r\n\r\n").rfind("HTTP/1.1 405", 0),
       0u);
   std::string const huge =
       "GET /metrics HTTP/1.0\r\nX-Filler: " + std::string(20000, 'x') + "\r\n\r\n";
-  EXPECT_EQ(http(m.port, huge).rfind("HTTP/1.1 431", 0), 0u);
+  EXPECT_EQ(http(port, huge).rfind("HTTP/1.1 431", 0), 0u);
   ::close(stalled);
-  EXPECT_EQ(m.agent.terminate(), 0);
-}
 
-// Faults: an endpoint a real prometheus server cannot scrape or parse, series it cannot query.
-TEST(ServiceMetrics, PrometheusScrapesThePolicyCount) {
-  ASSERT_EQ(::access("/usr/bin/prometheus", X_OK), 0)
-      << "prometheus is not installed (scripts/deps.sh installs it)";
-  MetricsAgent m;
-  TempDir dir;
   U16 const web = freePort();
   std::string const config =
       dir.write("prometheus.yml",
                 "global:\n  scrape_interval: 200ms\n  scrape_timeout: 150ms\n"
                 "scrape_configs:\n  - job_name: srte\n    static_configs:\n"
                 "      - targets: ['127.0.0.1:" +
-                    std::to_string(m.port) + "']\n");
+                    std::to_string(port) + "']\n");
   int log = ::open((dir.path / "prometheus.log").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
   pid_t server =
       spawn("/usr/bin/prometheus",
@@ -522,7 +481,6 @@ TEST(ServiceMetrics, PrometheusScrapesThePolicyCount) {
              "--web.listen-address=127.0.0.1:" + std::to_string(web)},
             log, log);
   ::close(log);
-  m.write();
   std::string answer;
   bool const counted = eventually(
       [&] {
@@ -535,5 +493,5 @@ TEST(ServiceMetrics, PrometheusScrapesThePolicyCount) {
   ::waitpid(server, nullptr, 0);
   EXPECT_TRUE(counted) << "last answer: " << answer
                        << "\nprometheus said: " << slurp((dir.path / "prometheus.log").string());
-  EXPECT_EQ(m.agent.terminate(), 0);
+  EXPECT_EQ(agent.terminate(), 0);
 }
