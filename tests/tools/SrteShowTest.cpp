@@ -107,9 +107,22 @@ class SrteShowTest : public ::testing::Test {
   std::string socket_;
 };
 
-TEST_F(SrteShowTest, ShowsTheStateTheSimulatorEndsWith) {
+TEST_F(SrteShowTest, ShowsAndWatchesTheStateTheSimulatorEndsWithAcrossRestarts) {
   // Catches: anything that srte-show cannot see of a running agent's state (an entity not
-  // served, a table not kept in step, an explanation that reads the agent's insides).
+  // served, a table not kept in step, an explanation that reads the agent's insides); a watcher
+  // that stops at the first agent, or that shows the old agent's state mixed into the new one's.
+  FILE* watch = nullptr;
+  pid_t watcher = -1;
+  char line[4096];
+  // The watcher prints one JSON document per change, each ending with a line "}" alone.
+  auto nextDocument = [&]() -> Json {
+    std::string doc;
+    while (std::fgets(line, sizeof line, watch) != nullptr) {
+      doc += line;
+      if (std::string(line) == "}\n") return Json::parse(doc);
+    }
+    return Json();
+  };
   for (char const* file : {"examples/01-two-sources.json", "examples/03-binding-sid-change.json",
                            "tests/scenarios/selection-priority.json"}) {
     SCOPED_TRACE(file);
@@ -125,57 +138,23 @@ TEST_F(SrteShowTest, ShowsTheStateTheSimulatorEndsWith) {
     // The readable form says since when (the simulator's text does not: its step lines do).
     Outcome text = runProgram(SRTE_SHOW, {"--socket", socket_});
     EXPECT_NE(text.out.find(" UTC (active candidate changed "), std::string::npos) << text.out;
+    if (!watch) {
+      watch = ::popen((std::string(SRTE_SHOW) + " --watch --json --socket " + socket_ +
+                       " 2>/dev/null & echo $!")
+                          .c_str(),
+                      "r");
+      ASSERT_NE(watch, nullptr);
+      ASSERT_NE(std::fgets(line, sizeof line, watch), nullptr);
+      watcher = std::stoi(line);
+    }
+    // An agent may show a state on its way to idle first; the last one is its final state.
+    Json watched;
+    for (int i = 0; i < 20 && undated(watched) != undated(want); ++i)
+      watched = nextDocument();
+    EXPECT_EQ(undated(watched), undated(want)) << "what srte-show --watch showed";
     EXPECT_EQ(agent.terminate(), 0);
     EXPECT_FALSE(exists(socket_)) << "the agent left its socket behind";
   }
-}
-
-TEST_F(SrteShowTest, NoAgentIsExitTwoWithTheReason) {
-  // Catches: srte-show hanging or printing an empty state when nothing listens.
-  Outcome o = runProgram(SRTE_SHOW, {"--socket", socket_});
-  EXPECT_EQ(o.status, 2);
-  EXPECT_NE(o.err.find("srte-show: no agent listens on " + socket_), std::string::npos) << o.err;
-}
-
-TEST_F(SrteShowTest, WatchFollowsTheAgentAcrossARestart) {
-  // Catches: a watcher that stops at the first agent, or that shows the old agent's state
-  // mixed into the new one's.
-  std::string first = withoutSteps("examples/03-binding-sid-change.json");
-  Json const want1 = simulated(first);
-  auto agent = std::make_unique<AgentProcess>(
-      std::vector<std::string>{"--scenario", first, "--socket", socket_});
-  ASSERT_EQ(undated(shownUntil(want1)), undated(want1));
-
-  // The watcher prints one JSON document per change; read them as they come.
-  FILE* watch = ::popen(
-      (std::string(SRTE_SHOW) + " --watch --json --socket " + socket_ + " 2>/dev/null & echo $!")
-          .c_str(),
-      "r");
-  ASSERT_NE(watch, nullptr);
-  char line[4096];
-  ASSERT_NE(std::fgets(line, sizeof line, watch), nullptr);
-  pid_t watcher = std::stoi(line);
-  // Documents end with a line "}" alone.
-  auto nextDocument = [&]() -> Json {
-    std::string doc;
-    while (std::fgets(line, sizeof line, watch) != nullptr) {
-      doc += line;
-      if (std::string(line) == "}\n") return Json::parse(doc);
-    }
-    return Json();
-  };
-  EXPECT_EQ(undated(nextDocument()), undated(want1));
-
-  agent->terminate();
-  std::string second = withoutSteps("examples/01-two-sources.json");
-  Json const want2 = simulated(second);
-  agent = std::make_unique<AgentProcess>(
-      std::vector<std::string>{"--scenario", second, "--socket", socket_});
-  // The new agent may show a state on its way to idle first; the last one is its final state.
-  Json got;
-  for (int i = 0; i < 20 && undated(got) != undated(want2); ++i)
-    got = nextDocument();
-  EXPECT_EQ(undated(got), undated(want2));
   ::kill(watcher, SIGTERM);
   ::pclose(watch);
 }
@@ -233,11 +212,15 @@ TEST_F(SrteShowTest, TheSocketIsPrivateAndOnlyItsOwnFileIsRemoved) {
   ::rmdir(openDir.c_str());
 }
 
-TEST_F(SrteShowTest, ShowGivesUpOnAListenerThatDoesNotSpeakTheProtocol) {
-  // Catches: srte-show waiting forever on a listener that sends nothing, or taking what another
-  // kind of server sends for an agent's frames.
+TEST_F(SrteShowTest, ShowGivesUpWithoutAnAgentOrOnAListenerThatDoesNotSpeakTheProtocol) {
+  // Catches: srte-show hanging or printing an empty state when nothing listens; waiting forever
+  // on a listener that sends nothing, or taking what another kind of server sends for an
+  // agent's frames.
+  Outcome o = runProgram(SRTE_SHOW, {"--socket", socket_});
+  EXPECT_EQ(o.status, 2);
+  EXPECT_NE(o.err.find("srte-show: no agent listens on " + socket_), std::string::npos) << o.err;
   int silent = listenOn(socket_);
-  Outcome o = runProgram(SRTE_SHOW, {"--socket", socket_}, std::chrono::seconds(15));
+  o = runProgram(SRTE_SHOW, {"--socket", socket_}, std::chrono::seconds(15));
   EXPECT_EQ(o.status, 2);
   EXPECT_EQ(o.err, "srte-show: what listens on " + socket_ +
                        " does not speak the agent's protocol (nothing received for 5 s)\n");
@@ -263,8 +246,7 @@ TEST_F(SrteShowTest, ReadersShareOneSnapshotAndTheirNumberIsBounded) {
   // Catches: a snapshot built and queued for every reader, so that each reader that stalls
   // costs the agent a whole state (about 2 MB here; 40 of them 90 MB); readers without number;
   // a reader beyond the limit turned away without the reason, or one gone still counted.
-  std::string const table = "srte-test-" + std::to_string(::getpid()) + "-readers";
-  AgentTesting::TableRemoval removal{table};
+  AgentTesting::TestTable const table("readers");
   constexpr U32 policies = 4000;
   {
     Skerry::ShmTableOptions options;
