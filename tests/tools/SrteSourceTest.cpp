@@ -10,6 +10,7 @@
 
 #include "ChildProcess.h"
 #include "SrTePolicy/SrTePolicyInputShm.h"
+#include "TestTable.h"
 
 using namespace SrTePolicy;
 
@@ -19,13 +20,7 @@ using TestSupport::Outcome;
 
 class SrteSource : public ::testing::Test {
  protected:
-  SrteSource() : name("srte-test-" + std::to_string(::getpid()) + "-tool") {
-    Skerry::shmTableRemove(name);
-  }
-  ~SrteSource() override {
-    Skerry::shmTableRemove(name);
-    std::remove(file.c_str());
-  }
+  ~SrteSource() override { std::remove(file.c_str()); }
 
   // Runs the program with `--table NAME` and `args`.
   Outcome run(std::vector<std::string> args, bool withTable = true) {
@@ -38,13 +33,15 @@ class SrteSource : public ::testing::Test {
     return args;
   }
 
-  std::string const name;
+  TestSupport::TestTable const name{"tool"};
   std::string const file = "/tmp/" + name + ".json";
 };
 
 // Faults: fields written to the wrong place or not at all; ids not taken from policyIdx; a
-// change that drops the fields it was not given; list output that does not match the table.
-TEST_F(SrteSource, AddChangeDeleteAndList) {
+// change that drops the fields it was not given; list output that does not match the table;
+// destroy leaving the table behind, or claiming success for a table that is not there; a
+// reader that has the table open not told.
+TEST_F(SrteSource, AddChangeDeleteListAndDestroy) {
   Outcome r = run(bgp({"add", "--endpoint", "10.0.0.1", "--color", "5", "--preference", "200",
                        "--router-id", "1.1.1.1", "--binding-sid", "900", "--segment-list",
                        "2:16001,16002", "--segment-list", "16003"}));
@@ -77,6 +74,16 @@ TEST_F(SrteSource, AddChangeDeleteAndList) {
                 "router-id 1.1.1.1 binding-sid 900 segment-lists 2:16001,16002 1:16003\n"
                 "id 40 (policy id 1073741864, bgp): endpoint 2001:db8::1 color 7 preference 100 "
                 "router-id 0.0.0.0 binding-sid none segment-lists none\n");
+
+  r = run({"destroy"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out, "removed table " + name + "\n");
+  EXPECT_FALSE(Skerry::shmTableExists(name));
+  EXPECT_TRUE(reader.removed());
+  r = run({"destroy"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err, "srte-source: no table '" + name + "'\n");
+  EXPECT_EQ(run({"destroy", "--json"}).status, 2);
 }
 
 // Faults: bad input written in part, or refused without saying which argument and why; a
@@ -202,22 +209,6 @@ TEST_F(SrteSource, LoadTakesBackListJsonAndReplaces) {
   EXPECT_EQ(
       Skerry::readRecord(reader, PolicyId::make(PolicySource::sourceBgp, 7))->preference().value(),
       60u);
-}
-
-// Faults: destroy leaving the table behind, or claiming success for a table that is not there;
-// a reader that has the table open not told.
-TEST_F(SrteSource, DestroyRemovesTheTable) {
-  ASSERT_EQ(run(bgp({"add", "--endpoint", "10.0.0.1", "--color", "5"})).status, 0);
-  PolicyInputShmTable reader(name);
-  Outcome r = run({"destroy"});
-  EXPECT_EQ(r.status, 0) << r.err;
-  EXPECT_EQ(r.out, "removed table " + name + "\n");
-  EXPECT_FALSE(Skerry::shmTableExists(name));
-  EXPECT_TRUE(reader.removed());
-  r = run({"destroy"});
-  EXPECT_EQ(r.status, 1);
-  EXPECT_EQ(r.err, "srte-source: no table '" + name + "'\n");
-  EXPECT_EQ(run({"destroy", "--json"}).status, 2);
 }
 
 }  // namespace
