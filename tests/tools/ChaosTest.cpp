@@ -7,9 +7,7 @@
 //
 // Seeded by SRTE_CHAOS_SEED (default the time, printed) and as long as SRTE_CHAOS_SECONDS
 // (default 50). Waits are bounded; only the churning source sleeps, to pace its writes.
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/mman.h>
 
 #include <cstdlib>
 #include <deque>
@@ -272,14 +270,7 @@ TEST_F(Chaos, TheAgentOutlivesItsSourcesAndReadersAndEndsAsAFreshOne) {
       if (action == 6 || pcep) pcepWriter_.reset();  // its mapping would fault too
       std::string const table = action == 6 || pcep ? pcep_ : bgp_;
       if (action == 6) {
-        // Damage: an impossible record count, announced so that the agent looks.
-        int fd = ::shm_open(("/" + table).c_str(), O_RDWR, 0);
-        auto* h = static_cast<Skerry::detail::ShmHeader*>(::mmap(
-            nullptr, sizeof(Skerry::detail::ShmHeader), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0));
-        ::close(fd);
-        h->count = 1u << 30;
-        ++h->changes;
-        ::munmap(h, sizeof *h);
+        TestSupport::damageTable(table);
       } else {
         ASSERT_EQ(::truncate(("/dev/shm/" + table).c_str(), rng_() % 2 ? 0 : 4096), 0);
       }
