@@ -17,23 +17,16 @@
 #include "BgpSpeaker.h"
 #include "InputRecord.h"
 #include "SrPolicyEncoder.h"
+#include "TestTable.h"
 
 using namespace SrTeBgp;
 namespace asio = boost::asio;
 using asio::ip::tcp;
 using SrTePolicy::PolicyId;
 using SrTePolicy::PolicyInputEntry;
+using TestSupport::TestTable;
 
 namespace {
-
-std::string tableName(char const* what) {
-  return "srte-test-" + std::to_string(::getpid()) + "-" + what;
-}
-
-struct TableRemoval {
-  std::string name;
-  ~TableRemoval() { Skerry::shmTableRemove(name); }
-};
 
 SrPolicyNlri nlri(U32 distinguisher, char const* endpoint = "10.0.0.9", U32 color = 100) {
   SrPolicyNlri n;
@@ -103,9 +96,7 @@ TEST(BgpConfig, RefusalsNameTheFileThePathAndTheReason) {
 // Catches: an id that moves while its path lives, or is reused at once; a replacement that adds
 // a record; one peer's session taking another's paths; the router id not the peer's.
 TEST(BgpInputTable, StableIdsPerPathAndPerPeerWithdrawal) {
-  std::string const name = tableName("map");
-  Skerry::shmTableRemove(name);
-  TableRemoval removal{name};
+  TestTable const name("map");
   BgpInputTable t(name);
   auto a = t.put(0, peerId, nlri(2), path(200));
   auto b = t.put(0, peerId, nlri(3), path(300));
@@ -142,9 +133,7 @@ TEST(BgpInputTable, StableIdsPerPathAndPerPeerWithdrawal) {
 // Catches: an earlier run's paths left in the table; another source's table wiped; a full
 // table half-written.
 TEST(BgpInputTable, ClearsAnEarlierRunRefusesForeignTablesAndFullOnes) {
-  std::string const name = tableName("start");
-  Skerry::shmTableRemove(name);
-  TableRemoval removal{name};
+  TestTable const name("start");
   Skerry::ShmTableOptions small;
   small.capacity = 2;
   U32 before = 0;
@@ -161,9 +150,7 @@ TEST(BgpInputTable, ClearsAnEarlierRunRefusesForeignTablesAndFullOnes) {
   EXPECT_GT(again.put(0, peerId, nlri(1), path(100)).id.index(), before + 1)
       << "ids start over instead of going on from the table's counter";
 
-  std::string const other = tableName("pcep");
-  Skerry::shmTableRemove(other);
-  TableRemoval otherRemoval{other};
+  TestTable const other("pcep");
   {
     SrTePolicy::PolicyInputShmWriter w(other);
     w.put(TestSupport::InputRecord(SrTePolicy::PolicySource::sourcePcep, 1).to("192.0.2.1", 0));
@@ -303,8 +290,8 @@ class Sessions : public ::testing::Test {
     }
   }
 
-  TableRemoval removal_{tableName("sessions")};
-  BgpInputTable table_{removal_.name};
+  TestTable const tableName_{"sessions"};
+  BgpInputTable table_{tableName_};
   asio::io_context io_;
   Events events_;
   std::optional<BgpSpeaker> speaker_;

@@ -14,19 +14,14 @@ using namespace SrTeBgp;
 
 namespace {
 
+// The bytes of hex digits, spaces between them ignored.
 Bytes hex(std::string_view text) {
+  std::string digits;
+  for (char c : text)
+    if (c != ' ') digits += c;
   Bytes out;
-  int half = -1;
-  for (char c : text) {
-    int v = c >= '0' && c <= '9' ? c - '0' : c >= 'a' && c <= 'f' ? c - 'a' + 10 : -1;
-    if (v < 0) continue;
-    if (half < 0) {
-      half = v;
-    } else {
-      out.push_back(static_cast<U8>(half << 4 | v));
-      half = -1;
-    }
-  }
+  for (std::size_t i = 0; i + 1 < digits.size(); i += 2)
+    out.push_back(static_cast<U8>(std::stoul(digits.substr(i, 2), nullptr, 16)));
   return out;
 }
 
