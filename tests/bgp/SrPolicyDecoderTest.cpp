@@ -184,7 +184,9 @@ char const* const policyField = "tunnel-encapsulation.sr-policy";
 
 std::vector<Row> rows() {
   std::string const tas = "treat-as-withdraw 2/100/10.0.0.9 @";
-  std::string const at = std::string(" @") + policyField;
+  std::string const at = std::string(" @") + policyField, inPolicy = tas + policyField;
+  std::string const none = "path 2/100/10.0.0.9 pref 200 bsid none lists",
+                    note = std::string(" note:") + policyField;
   Bytes const nlri4b = hex("60 00000003 00000064 0a000009");
   Bytes const nlri6 = hex("c0 00000002 00000064 20010db8000000000000000000000009");
   Bytes const seven = repeat(typeA(16001), 7);
@@ -247,26 +249,24 @@ std::vector<Row> rows() {
        update(origin + asPath + localPref + reach(nlri4) + rt +
               attr(0xc0, 23, hex("000f 0065") + policy)),
        tas + "tunnel-encapsulation"},
-      {"short Preference", withPolicy(hex("0c 05 00 00 000000") + list1),
-       tas + policyField + ".preference"},
-      {"long Priority", withPolicy(pref + hex("0f 03 0a 00 00")), tas + policyField + ".priority"},
-      {"ENLP of 2 octets", withPolicy(pref + hex("0e 02 00 00")), tas + policyField + ".enlp"},
+      {"short Preference", withPolicy(hex("0c 05 00 00 000000") + list1), inPolicy + ".preference"},
+      {"long Priority", withPolicy(pref + hex("0f 03 0a 00 00")), inPolicy + ".priority"},
+      {"ENLP of 2 octets", withPolicy(pref + hex("0e 02 00 00")), inPolicy + ".enlp"},
       {"Binding SID of 4 octets", withPolicy(hex("0d 04 00 00 0038") + list1),
-       tas + policyField + ".binding-sid"},
+       inPolicy + ".binding-sid"},
       {"name without its reserved octet", withPolicy(pref + hex("81 0000")),
-       tas + policyField + ".candidate-path-name"},
+       inPolicy + ".candidate-path-name"},
       {"Segment List overruns the SR Policy TLV",
-       withPolicy(pref + bsid + hex("80 0020 00") + Bytes(20, 0)),
-       tas + policyField + ".sub-tlv[2]"},
+       withPolicy(pref + bsid + hex("80 0020 00") + Bytes(20, 0)), inPolicy + ".sub-tlv[2]"},
       {"Segment List without its reserved octet", withPolicy(pref + hex("80 0000")),
-       tas + policyField + ".segment-list[0]"},
+       inPolicy + ".segment-list[0]"},
       {"short Weight", withPolicy(segList(hex("09 05 00 00 000000") + typeA(16001))),
-       tas + policyField + ".segment-list[0].weight"},
+       inPolicy + ".segment-list[0].weight"},
       {"long type A segment", withPolicy(segList(weight(1) + hex("01 07 00 00 03e81000 00"))),
-       tas + policyField + ".segment-list[0].segment[0]"},
+       inPolicy + ".segment-list[0].segment[0]"},
       {"segment overruns its list", withPolicy(sub(128, hex("00 01 06 00 00 03e8"))),
-       tas + policyField + ".segment-list[0].sub-tlv[0]"},
-      {"sub-TLV header cut short", withPolicy(pref + hex("80")), tas + policyField + ".sub-tlv[1]"},
+       inPolicy + ".segment-list[0].sub-tlv[0]"},
+      {"sub-TLV header cut short", withPolicy(pref + hex("80")), inPolicy + ".sub-tlv[1]"},
       // Catches: a later copy of a single-instance sub-TLV taking over from the first.
       {"second Preference, Binding SID and Weight ignored",
        withPolicy(pref + bsid + hex("0c 06 00 00 0000012c 0d 06 00 00 00385000") +
@@ -280,32 +280,26 @@ std::vector<Row> rows() {
       // Catches: a list with a segment an MPLS headend cannot use kept, or the path dropped.
       {"SRv6 segment leaves its list out",
        withPolicy(pref + bsid + segList(weight(2) + srv6Segment) + list2),
-       "path 2/100/10.0.0.9 pref 200 bsid 900 lists 3:16002,24005,16009 note:" +
-           std::string(policyField) + ".segment-list[0]"},
-      {"no list left", withPolicy(pref + segList(typeA(16001) + sub(3, Bytes(6, 0)))),
-       "path 2/100/10.0.0.9 pref 200 bsid none lists note:" + std::string(policyField) +
+       "path 2/100/10.0.0.9 pref 200 bsid 900 lists 3:16002,24005,16009" + note +
            ".segment-list[0]"},
-      {"a list without segments", withPolicy(pref + segList(weight(4))),
-       "path 2/100/10.0.0.9 pref 200 bsid none lists 4:"},
+      {"no list left", withPolicy(pref + segList(typeA(16001) + sub(3, Bytes(6, 0)))),
+       none + note + ".segment-list[0]"},
+      {"a list without segments", withPolicy(pref + segList(weight(4))), none + " 4:"},
       // Catches: what the record cannot hold cut down and written.
       {"seven labels", withPolicy(pref + segList(weight(1) + seven)),
        "record-limit 2/100/10.0.0.9" + at + ".segment-list[0]"},
       {"seventeen lists", withPolicy(pref + repeat(list1, 17)), "record-limit 2/100/10.0.0.9" + at},
       {"sixteen lists and an SRv6 one", withPolicy(pref + repeat(list1, 16) + segList(srv6Segment)),
-       "path 2/100/10.0.0.9 pref 200 bsid none lists" + sixteen + " note:" + policyField +
-           ".segment-list[16]"},
+       none + sixteen + note + ".segment-list[16]"},
       // Catches: reserved or SRv6 binding SIDs used as labels; a zero weight stored.
       {"binding SID label 3", withPolicy(pref + hex("0d 06 00 00 00003000") + list1),
-       "path 2/100/10.0.0.9 pref 200 bsid none lists 1:16001,16009 note:" +
-           std::string(policyField) + ".binding-sid"},
+       none + " 1:16001,16009" + note + ".binding-sid"},
       {"SRv6 binding SID", withPolicy(pref + sub(13, Bytes(18, 0)) + list1),
-       "path 2/100/10.0.0.9 pref 200 bsid none lists 1:16001,16009 note:" +
-           std::string(policyField) + ".binding-sid"},
+       none + " 1:16001,16009" + note + ".binding-sid"},
       {"Binding SID without a SID", withPolicy(pref + hex("0d 02 00 00") + list1),
-       "path 2/100/10.0.0.9 pref 200 bsid none lists 1:16001,16009"},
+       none + " 1:16001,16009"},
       {"weight 0", withPolicy(pref + segList(weight(0) + typeA(16001))),
-       "path 2/100/10.0.0.9 pref 200 bsid none lists 1:16001 note:" + std::string(policyField) +
-           ".segment-list[0].weight"},
+       none + " 1:16001" + note + ".segment-list[0].weight"},
       {"no Preference", withPolicy(list1),
        "path 2/100/10.0.0.9 pref 100 bsid none lists 1:16001,16009"},
       // Catches: the extended-length flag ignored.
