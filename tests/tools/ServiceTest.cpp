@@ -160,102 +160,6 @@ TEST(ServiceConfig, CheckNamesTheFileThePathAndTheReason) {
       << sample.out;
 }
 
-// --- Reload ---------------------------------------------------------------------------------
-
-namespace {
-
-std::string staticPolicy(char const* endpoint, U32 bsid, U32 label) {
-  return std::string(R"({"endpoint": ")") + endpoint + R"(", "color": 100, "bindingSid": )" +
-         std::to_string(bsid) + R"(, "candidatePaths": [{"segmentLists": [{"labels": [)" +
-         std::to_string(label) + "]}]}]}";
-}
-
-std::string configText(std::string const& policies, U32 pollMs = 10) {
-  return R"({"platform": ")" + examples + R"(/01-two-sources.json", "pollMs": )" +
-         std::to_string(pollMs) + R"(, "static": {"policies": [)" + policies + "]}}";
-}
-
-// The published lines up to and including the first that `done` accepts.
-std::vector<OrderedJson> publishedUntil(AgentProcess& agent,
-                                        std::function<bool(OrderedJson const&)> const& done) {
-  std::vector<OrderedJson> out;
-  for (OrderedJson l = agent.next(); !l.is_null(); l = agent.next()) {
-    if (!l.contains("change")) continue;
-    out.push_back(l);
-    if (done(l)) return out;
-  }
-  ADD_FAILURE() << "the awaited line did not come; standard error: " << agent.err();
-  return out;
-}
-
-}  // namespace
-
-// Faults: a reload that rewrites every static policy (an unchanged one would get a new
-// candidate id and its FEC and route would move), a changed policy that gets a new candidate
-// id, a refused file that changes something or is not said, the reload line not saying what
-// changed, a command-line setting overridden by the file.
-TEST(ServiceReload, OnlyWhatChangedMoves) {
-  TempDir dir;
-  std::string const a = staticPolicy("192.0.2.1", 900001, 16002);
-  std::string const file =
-      dir.write("agent.json", configText(a + "," + staticPolicy("192.0.2.2", 900002, 16002)));
-  AgentProcess agent(
-      {"--config", file, "--source", "bgp=" + dir.path.filename().string(), "--poll-ms", "7"});
-  OrderedJson started = agent.until("started").back();
-  EXPECT_EQ(started["pollMs"], 7) << "the file's pollMs won over the command line's";
-  std::map<std::string, std::string> candidate;  // endpoint -> candidate, as first published
-  int fecs = 0, routes = 0;
-  publishedUntil(agent, [&](OrderedJson const& l) {
-    if (l["event"] == "policy") candidate[l["endpoint"]] = l["candidate"];
-    fecs += l["event"] == "fec";
-    routes += l["event"] == "bsid-route";
-    return candidate.size() == 2 && fecs == 2 && routes == 2;
-  });
-
-  // The second policy moves to another label, a third comes; the first stays as it was.
-  dir.write("agent.json", configText(a + "," + staticPolicy("192.0.2.2", 900002, 16003) + "," +
-                                         staticPolicy("192.0.2.3", 900003, 16003),
-                                     20));
-  ::kill(agent.pid(), SIGHUP);
-  OrderedJson reload = agent.until("reload").back();
-  EXPECT_EQ(reload["result"], "applied");
-  EXPECT_EQ(reload["changes"], OrderedJson({"static policy 192.0.2.2 color 100: changed",
-                                            "static policy 192.0.2.3 color 100: added"}));
-  EXPECT_EQ(reload["needsRestart"], OrderedJson::array());
-  bool changed = false, added = false;
-  for (OrderedJson const& l : publishedUntil(agent, [&](OrderedJson const& l) {
-         if (l["event"] == "policy" && l["endpoint"] == "192.0.2.2") changed = true;
-         if (l["event"] == "policy" && l["endpoint"] == "192.0.2.3") added = true;
-         return changed && added;
-       })) {
-    EXPECT_NE(l.value("endpoint", ""), "192.0.2.1") << "the unchanged policy moved: " << l.dump();
-    EXPECT_NE(l.value("label", 0u), 900001u) << "its route moved: " << l.dump();
-    if (l["event"] == "policy" && l["endpoint"] == "192.0.2.2") {
-      EXPECT_EQ(l["change"], "changed");
-      EXPECT_EQ(l["candidate"], candidate["192.0.2.2"]) << "the changed path took a new id";
-    }
-  }
-
-  // A file with a mistake changes nothing, and says why; the next good one applies again.
-  dir.write("agent.json", configText(a + ", {\"endpoint\": \"192.0.2.9\"}"));
-  ::kill(agent.pid(), SIGHUP);
-  reload = agent.until("reload").back();
-  EXPECT_EQ(reload["result"], "refused");
-  EXPECT_NE(reload["reason"].get<std::string>().find("static.policies[1]: missing field \"color\""),
-            std::string::npos)
-      << reload.dump();
-  dir.write("agent.json", configText(a + "," + staticPolicy("192.0.2.2", 900002, 16003) + "," +
-                                         staticPolicy("192.0.2.3", 900003, 16003),
-                                     20));
-  ::kill(agent.pid(), SIGHUP);
-  std::vector<OrderedJson> lines = agent.until("reload");
-  EXPECT_EQ(lines.back()["result"], "applied");
-  EXPECT_EQ(lines.back()["changes"], OrderedJson::array()) << "the refused file was applied";
-  for (OrderedJson const& l : lines)
-    EXPECT_FALSE(l.contains("change")) << "the refused file moved something: " << l.dump();
-  EXPECT_EQ(agent.terminate(), 0);
-}
-
 // --- The service manager's notifications ----------------------------------------------------
 
 namespace {
@@ -304,53 +208,147 @@ class NotifySocket {
 
 }  // namespace
 
-// Faults: READY before the start-up passes (before the started line) or never; no watchdog
-// pings, or pings when WATCHDOG_PID names another process; RELOADING without MONOTONIC_USEC or
-// no READY after it; no STOPPING at SIGTERM; an abstract socket name taken for a path.
-TEST(ServiceNotify, ReadyWatchdogReloadingStopping) {
+// --- Reload ---------------------------------------------------------------------------------
+
+namespace {
+
+std::string staticPolicy(char const* endpoint, U32 bsid, U32 label) {
+  return std::string(R"({"endpoint": ")") + endpoint + R"(", "color": 100, "bindingSid": )" +
+         std::to_string(bsid) + R"(, "candidatePaths": [{"segmentLists": [{"labels": [)" +
+         std::to_string(label) + "]}]}]}";
+}
+
+std::string configText(std::string const& policies, U32 pollMs = 10) {
+  return R"({"platform": ")" + examples + R"(/01-two-sources.json", "pollMs": )" +
+         std::to_string(pollMs) + R"(, "static": {"policies": [)" + policies + "]}}";
+}
+
+// The published lines up to and including the first that `done` accepts.
+std::vector<OrderedJson> publishedUntil(AgentProcess& agent,
+                                        std::function<bool(OrderedJson const&)> const& done) {
+  std::vector<OrderedJson> out;
+  for (OrderedJson l = agent.next(); !l.is_null(); l = agent.next()) {
+    if (!l.contains("change")) continue;
+    out.push_back(l);
+    if (done(l)) return out;
+  }
+  ADD_FAILURE() << "the awaited line did not come; standard error: " << agent.err();
+  return out;
+}
+
+}  // namespace
+
+// Faults: a reload that rewrites every static policy (an unchanged one would get a new
+// candidate id and its FEC and route would move), a changed policy that gets a new candidate
+// id, a refused file that changes something or is not said, the reload line not saying what
+// changed, a command-line setting overridden by the file. To the service manager (on an abstract
+// socket, taken for a path it would not be reached): READY before the start-up passes or never,
+// no watchdog pings, RELOADING without MONOTONIC_USEC or no READY after it, no STOPPING at
+// SIGTERM.
+TEST(ServiceReload, OnlyWhatChangedMovesAndTheServiceManagerIsTold) {
   TempDir dir;
-  std::string const config = dir.write("agent.json", configText(""));
-  struct Case {
-    std::string socket;
-    char const* watchdogPid;  // null: unset; "self": the agent's own (unknown before), else a pid
-    bool pings;
-  } const cases[] = {
-      {"@srte-notify-" + std::to_string(::getpid()), nullptr, true},
-      {(dir.path / "notify").string(), "1", false},
-  };
-  for (Case const& c : cases) {
-    NotifySocket socket(c.socket);
-    ::setenv("NOTIFY_SOCKET", c.socket.c_str(), 1);
-    ::setenv("WATCHDOG_USEC", "100000", 1);
-    if (c.watchdogPid) ::setenv("WATCHDOG_PID", c.watchdogPid, 1);
-    AgentProcess agent({"--config", config, "--source", "bgp=" + dir.path.filename().string()});
-    ::unsetenv("NOTIFY_SOCKET");
-    ::unsetenv("WATCHDOG_USEC");
-    ::unsetenv("WATCHDOG_PID");
-    agent.until("started");
-    int pings = 0;
-    std::string m = socket.nextState(pings);
-    EXPECT_EQ(m.rfind("READY=1\nSTATUS=running", 0), 0u) << c.socket << ": " << m;
-    if (c.pings) {
-      // 50 ms apart: a few in half a second at most, bounded all the same.
-      EXPECT_TRUE(
-          eventually([&] { return socket.next(milliseconds(500)) == "WATCHDOG=1" && ++pings >= 3; },
-                     milliseconds(3000)))
-          << c.socket;
-    }
-    ::kill(agent.pid(), SIGHUP);
-    m = socket.nextState(pings);
-    EXPECT_TRUE(std::regex_search(m, std::regex("^RELOADING=1\nMONOTONIC_USEC=[0-9]+\n")))
-        << c.socket << ": " << m;
-    m = socket.nextState(pings);
-    EXPECT_EQ(m.rfind("READY=1\nSTATUS=running; reloaded", 0), 0u) << c.socket << ": " << m;
-    EXPECT_EQ(agent.terminate(SIGTERM), 0);
-    m = socket.nextState(pings);
-    EXPECT_EQ(m.rfind("STOPPING=1\nSTATUS=stopping: SIGTERM", 0), 0u) << c.socket << ": " << m;
-    if (!c.pings) {
-      EXPECT_EQ(pings, 0) << "pings though WATCHDOG_PID names another process";
+  std::string const a = staticPolicy("192.0.2.1", 900001, 16002);
+  std::string const file =
+      dir.write("agent.json", configText(a + "," + staticPolicy("192.0.2.2", 900002, 16002)));
+  std::string const notifyName = "@srte-notify-" + std::to_string(::getpid());
+  NotifySocket notify(notifyName);
+  ::setenv("NOTIFY_SOCKET", notifyName.c_str(), 1);
+  ::setenv("WATCHDOG_USEC", "100000", 1);
+  AgentProcess agent(
+      {"--config", file, "--source", "bgp=" + dir.path.filename().string(), "--poll-ms", "7"});
+  ::unsetenv("NOTIFY_SOCKET");
+  ::unsetenv("WATCHDOG_USEC");
+  OrderedJson started = agent.until("started").back();
+  EXPECT_EQ(started["pollMs"], 7) << "the file's pollMs won over the command line's";
+  int pings = 0;
+  std::string m = notify.nextState(pings);
+  EXPECT_EQ(m.rfind("READY=1\nSTATUS=running", 0), 0u) << m;
+  // 50 ms apart: a few in half a second at most, bounded all the same.
+  EXPECT_TRUE(
+      eventually([&] { return notify.next(milliseconds(500)) == "WATCHDOG=1" && ++pings >= 3; },
+                 milliseconds(3000)));
+  std::map<std::string, std::string> candidate;  // endpoint -> candidate, as first published
+  int fecs = 0, routes = 0;
+  publishedUntil(agent, [&](OrderedJson const& l) {
+    if (l["event"] == "policy") candidate[l["endpoint"]] = l["candidate"];
+    fecs += l["event"] == "fec";
+    routes += l["event"] == "bsid-route";
+    return candidate.size() == 2 && fecs == 2 && routes == 2;
+  });
+
+  // The second policy moves to another label, a third comes; the first stays as it was.
+  dir.write("agent.json", configText(a + "," + staticPolicy("192.0.2.2", 900002, 16003) + "," +
+                                         staticPolicy("192.0.2.3", 900003, 16003),
+                                     20));
+  ::kill(agent.pid(), SIGHUP);
+  OrderedJson reload = agent.until("reload").back();
+  EXPECT_EQ(reload["result"], "applied");
+  EXPECT_EQ(reload["changes"], OrderedJson({"static policy 192.0.2.2 color 100: changed",
+                                            "static policy 192.0.2.3 color 100: added"}));
+  EXPECT_EQ(reload["needsRestart"], OrderedJson::array());
+  m = notify.nextState(pings);
+  EXPECT_TRUE(std::regex_search(m, std::regex("^RELOADING=1\nMONOTONIC_USEC=[0-9]+\n"))) << m;
+  m = notify.nextState(pings);
+  EXPECT_EQ(m.rfind("READY=1\nSTATUS=running; reloaded", 0), 0u) << m;
+  bool changed = false, added = false;
+  for (OrderedJson const& l : publishedUntil(agent, [&](OrderedJson const& l) {
+         if (l["event"] == "policy" && l["endpoint"] == "192.0.2.2") changed = true;
+         if (l["event"] == "policy" && l["endpoint"] == "192.0.2.3") added = true;
+         return changed && added;
+       })) {
+    EXPECT_NE(l.value("endpoint", ""), "192.0.2.1") << "the unchanged policy moved: " << l.dump();
+    EXPECT_NE(l.value("label", 0u), 900001u) << "its route moved: " << l.dump();
+    if (l["event"] == "policy" && l["endpoint"] == "192.0.2.2") {
+      EXPECT_EQ(l["change"], "changed");
+      EXPECT_EQ(l["candidate"], candidate["192.0.2.2"]) << "the changed path took a new id";
     }
   }
+
+  // A file with a mistake changes nothing, and says why; the next good one applies again.
+  dir.write("agent.json", configText(a + ", {\"endpoint\": \"192.0.2.9\"}"));
+  ::kill(agent.pid(), SIGHUP);
+  reload = agent.until("reload").back();
+  EXPECT_EQ(reload["result"], "refused");
+  EXPECT_NE(reload["reason"].get<std::string>().find("static.policies[1]: missing field \"color\""),
+            std::string::npos)
+      << reload.dump();
+  dir.write("agent.json", configText(a + "," + staticPolicy("192.0.2.2", 900002, 16003) + "," +
+                                         staticPolicy("192.0.2.3", 900003, 16003),
+                                     20));
+  ::kill(agent.pid(), SIGHUP);
+  std::vector<OrderedJson> lines = agent.until("reload");
+  EXPECT_EQ(lines.back()["result"], "applied");
+  EXPECT_EQ(lines.back()["changes"], OrderedJson::array()) << "the refused file was applied";
+  for (OrderedJson const& l : lines)
+    EXPECT_FALSE(l.contains("change")) << "the refused file moved something: " << l.dump();
+  EXPECT_EQ(agent.terminate(), 0);
+  while (!(m = notify.nextState(pings)).empty() && m.rfind("STOPPING", 0) != 0) {
+  }
+  EXPECT_EQ(m.rfind("STOPPING=1\nSTATUS=stopping: SIGTERM", 0), 0u) << m;
+}
+
+// Faults: a socket given by path taken for an abstract name; pings when WATCHDOG_PID names
+// another process.
+TEST(ServiceNotify, APathSocketAndAWatchdogOfAnotherProcess) {
+  TempDir dir;
+  std::string const config = dir.write("agent.json", configText(""));
+  NotifySocket socket((dir.path / "notify").string());
+  ::setenv("NOTIFY_SOCKET", (dir.path / "notify").c_str(), 1);
+  ::setenv("WATCHDOG_USEC", "100000", 1);
+  ::setenv("WATCHDOG_PID", "1", 1);
+  AgentProcess agent({"--config", config, "--source", "bgp=" + dir.path.filename().string()});
+  ::unsetenv("NOTIFY_SOCKET");
+  ::unsetenv("WATCHDOG_USEC");
+  ::unsetenv("WATCHDOG_PID");
+  agent.until("started");
+  int pings = 0;
+  std::string m = socket.nextState(pings);
+  EXPECT_EQ(m.rfind("READY=1\nSTATUS=running", 0), 0u) << m;
+  EXPECT_EQ(socket.next(milliseconds(300)), "") << "a ping, though WATCHDOG_PID is another's";
+  EXPECT_EQ(agent.terminate(SIGTERM), 0);
+  m = socket.nextState(pings);
+  EXPECT_EQ(m.rfind("STOPPING=1\nSTATUS=stopping: SIGTERM", 0), 0u) << m;
+  EXPECT_EQ(pings, 0) << "pings though WATCHDOG_PID names another process";
 }
 
 // --- The unit file --------------------------------------------------------------------------
