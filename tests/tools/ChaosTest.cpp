@@ -148,12 +148,6 @@ class Chaos : public ::testing::Test {
     stopChurn();
     for (int fd : readers_)
       ::close(fd);
-    pcepWriter_.reset();
-    Skerry::shmTableRemove(bgp_);
-    Skerry::shmTableRemove(pcep_);
-  }
-  static std::string name(std::string const& what) {
-    return "srte-chaos-" + std::to_string(::getpid()) + "-" + what;
   }
   std::vector<std::string> agentArgs(std::string const& socket) const {
     return {"--platform", SRTE_EXAMPLES "/01-two-sources.json",
@@ -217,8 +211,8 @@ class Chaos : public ::testing::Test {
     }
   }
 
-  std::string const bgp_ = name("bgp"), pcep_ = name("pcep");
-  std::string const socket_ = "/tmp/" + name("agent") + ".sock";
+  TestTable const bgp_{"chaos-bgp"}, pcep_{"chaos-pcep"};
+  std::string const socket_ = "/tmp/" + testName("chaos") + ".sock";
   U32 seed_ = 0;
   int seconds_ = 50;
   std::mt19937 rng_;
@@ -314,7 +308,7 @@ TEST_F(Chaos, TheAgentOutlivesItsSourcesAndReadersAndEndsAsAFreshOne) {
 
   // Memory: within 32 MiB of a fresh agent over the same tables (a long run keeps some in its
   // allocator; a queue or a snapshot held for each reader would be far more).
-  std::string const freshSocket = "/tmp/" + name("fresh") + ".sock";
+  std::string const freshSocket = "/tmp/" + testName("chaos-fresh") + ".sock";
   AgentProcess freshProcess(agentArgs(freshSocket));
   Watched fresh(freshProcess);
   watched_.push_back(&fresh);
