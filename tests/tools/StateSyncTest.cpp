@@ -25,7 +25,9 @@ using SrTeView::OrderedJson;
 
 namespace {
 
-OrderedJson withoutTime(OrderedJson s) {
+// The agent's state as a reader shows it: without the time, which a reader's copies do not hold.
+OrderedJson stateOf(SrTePolicy::SrTePolicyAgent const& agent) {
+  OrderedJson s = SrTeView::explainState(agent, false);
   s.erase("time");
   return s;
 }
@@ -93,16 +95,16 @@ TEST_F(StateSyncTest, ReaderFollowsEveryStepAcrossRestartsAndALateReaderGetsTheS
     ++agents;
     ASSERT_TRUE(until([&] { return early->generation() == agents && early->synced(); }))
         << early->lastTrouble();
-    EXPECT_EQ(shown(*early), withoutTime(SrTeView::explainState(run->agent(), false)));
+    EXPECT_EQ(shown(*early), stateOf(run->agent()));
     for (std::size_t i = 0; i < run->scenario().steps.size(); ++i) {
       run->runStep(i);
       server->publish();
-      OrderedJson want = withoutTime(SrTeView::explainState(run->agent(), false));
+      OrderedJson want = stateOf(run->agent());
       EXPECT_TRUE(until([&] { return shown(*early) == want; })) << "after step " << i + 1;
     }
     run->finish();
     server->publish();
-    OrderedJson want = withoutTime(SrTeView::explainState(run->agent(), false));
+    OrderedJson want = stateOf(run->agent());
     EXPECT_TRUE(until([&] { return shown(*early) == want; }));
     EXPECT_EQ(early->generation(), agents) << "the reader resynchronised: " << early->lastTrouble();
 
@@ -147,7 +149,7 @@ TEST_F(StateSyncTest, ReadersJoiningAtAnyMomentShowTheAgentsState) {
     if (rng() % 8 == 0 && !readers.empty()) readers.erase(readers.begin() + rng() % readers.size());
     if (step % 25 != 24) continue;
     server->publish();
-    OrderedJson const want = withoutTime(SrTeView::explainState(run->agent(), false));
+    OrderedJson const want = stateOf(run->agent());
     for (auto const& r : readers) {
       ASSERT_TRUE(until([&] { return r->synced() && shown(*r) == want; }))
           << "step " << step << ": " << r->lastTrouble();
