@@ -35,14 +35,6 @@ char const* const platformJson = R"({"platform": {
   "routes": [{"label": 16002, "source": 1, "adjacency": 1},
              {"label": 16003, "source": 1, "adjacency": 2}]}})";
 
-std::vector<OrderedJson> linesOf(std::string const& text) {
-  std::vector<OrderedJson> out;
-  std::istringstream in(text);
-  for (std::string line; std::getline(in, line);)
-    out.push_back(OrderedJson::parse(line));
-  return out;
-}
-
 // "policy added 192.0.2.1" and the like: what a line says, without the numbers the pipeline
 // allocates.
 std::string gist(OrderedJson const& l) {
@@ -77,10 +69,9 @@ class Feed : public ::testing::Test {
     feed.flush();
     last.clear();
     std::vector<std::string> g;
-    for (auto const& l : linesOf(out.str())) {
-      g.push_back(gist(l));
-      last[g.back()] = l;
-    }
+    std::istringstream lines(out.str());
+    for (std::string line; std::getline(lines, line);)
+      last[g.emplace_back(gist(OrderedJson::parse(line)))] = OrderedJson::parse(line);
     std::sort(g.begin(), g.end());
     return g;
   }
