@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <functional>
 #include <nlohmann/json.hpp>
 #include <sstream>
 #include <string>
@@ -146,17 +147,21 @@ class AgentProcess {
     seen.push_back(OrderedJson::object());  // so that back() is there to look at
     return seen;
   }
+  // Reads lines of published state up to and including the first that `done` accepts.
+  std::vector<OrderedJson> published(std::function<bool(OrderedJson const&)> const& done) {
+    std::vector<OrderedJson> out;
+    for (OrderedJson l = next(); !l.is_null(); l = next()) {
+      if (!l.contains("change")) continue;
+      out.push_back(l);
+      if (done(l)) return out;
+    }
+    ADD_FAILURE() << "the awaited line did not come after " << out.size()
+                  << " lines of published state; standard error: " << err();
+    return out;
+  }
   // Reads lines until `count` lines of published state have come.
   std::vector<OrderedJson> published(std::size_t count) {
-    std::vector<OrderedJson> out;
-    for (OrderedJson l; out.size() < count;) {
-      if ((l = next()).is_null()) {
-        ADD_FAILURE() << "only " << out.size() << " of " << count << " lines in time";
-        break;
-      }
-      if (l.contains("change")) out.push_back(l);
-    }
-    return out;
+    return published([&](OrderedJson const&) { return --count == 0; });
   }
 
  private:

@@ -206,11 +206,7 @@ class NotifySocket {
   int fd_ = -1;
 };
 
-}  // namespace
-
 // --- Reload ---------------------------------------------------------------------------------
-
-namespace {
 
 std::string staticPolicy(char const* endpoint, U32 bsid, U32 label) {
   return std::string(R"({"endpoint": ")") + endpoint + R"(", "color": 100, "bindingSid": )" +
@@ -221,19 +217,6 @@ std::string staticPolicy(char const* endpoint, U32 bsid, U32 label) {
 std::string configText(std::string const& policies, U32 pollMs = 10) {
   return R"({"platform": ")" + examples + R"(/01-two-sources.json", "pollMs": )" +
          std::to_string(pollMs) + R"(, "static": {"policies": [)" + policies + "]}}";
-}
-
-// The published lines up to and including the first that `done` accepts.
-std::vector<OrderedJson> publishedUntil(AgentProcess& agent,
-                                        std::function<bool(OrderedJson const&)> const& done) {
-  std::vector<OrderedJson> out;
-  for (OrderedJson l = agent.next(); !l.is_null(); l = agent.next()) {
-    if (!l.contains("change")) continue;
-    out.push_back(l);
-    if (done(l)) return out;
-  }
-  ADD_FAILURE() << "the awaited line did not come; standard error: " << agent.err();
-  return out;
 }
 
 }  // namespace
@@ -269,7 +252,7 @@ TEST(ServiceReload, OnlyWhatChangedMovesAndTheServiceManagerIsTold) {
                  milliseconds(3000)));
   std::map<std::string, std::string> candidate;  // endpoint -> candidate, as first published
   int fecs = 0, routes = 0;
-  publishedUntil(agent, [&](OrderedJson const& l) {
+  agent.published([&](OrderedJson const& l) {
     if (l["event"] == "policy") candidate[l["endpoint"]] = l["candidate"];
     fecs += l["event"] == "fec";
     routes += l["event"] == "bsid-route";
@@ -291,7 +274,7 @@ TEST(ServiceReload, OnlyWhatChangedMovesAndTheServiceManagerIsTold) {
   m = notify.nextState(pings);
   EXPECT_EQ(m.rfind("READY=1\nSTATUS=running; reloaded", 0), 0u) << m;
   bool changed = false, added = false;
-  for (OrderedJson const& l : publishedUntil(agent, [&](OrderedJson const& l) {
+  for (OrderedJson const& l : agent.published([&](OrderedJson const& l) {
          if (l["event"] == "policy" && l["endpoint"] == "192.0.2.2") changed = true;
          if (l["event"] == "policy" && l["endpoint"] == "192.0.2.3") added = true;
          return changed && added;
