@@ -74,14 +74,13 @@ class SrteShowTest : public ::testing::Test {
   // otherwise.
   Json shownUntil(Json const& want) {
     Json last;
-    auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (std::chrono::steady_clock::now() < end) {
-      if (::access(socket_.c_str(), F_OK) != 0) continue;
-      Outcome o = runProgram(SRTE_SHOW, {"--json", "--socket", socket_});
-      if (o.status != 0) continue;
-      last = Json::parse(o.out);
-      if (undated(last) == undated(want)) break;
-    }
+    TestSupport::eventually(
+        [&] {
+          Outcome o = runProgram(SRTE_SHOW, {"--json", "--socket", socket_});
+          if (o.status == 0) last = Json::parse(o.out);
+          return o.status == 0 && undated(last) == undated(want);
+        },
+        std::chrono::seconds(10));
     return last;
   }
 
