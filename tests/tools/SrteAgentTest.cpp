@@ -70,8 +70,10 @@ class Feed : public ::testing::Test {
     last.clear();
     std::vector<std::string> g;
     std::istringstream lines(out.str());
-    for (std::string line; std::getline(lines, line);)
-      last[g.emplace_back(gist(OrderedJson::parse(line)))] = OrderedJson::parse(line);
+    for (std::string line; std::getline(lines, line);) {
+      OrderedJson l = OrderedJson::parse(line);
+      last[g.emplace_back(gist(l))] = l;
+    }
     std::sort(g.begin(), g.end());
     return g;
   }
