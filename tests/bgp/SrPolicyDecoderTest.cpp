@@ -128,13 +128,8 @@ class Recorder : public UpdateSink {
   void onPath(SrPolicyNlri const& nlri, SrPolicyPath const& path) override {
     std::ostringstream os;
     SrTePolicy::PolicyInputEntry const& r = path.record;
-    os << "path " << key(nlri) << " pref " << r.preference().value() << " bsid ";
-    if (r.bindingSid().isNone()) {
-      os << "none";
-    } else {
-      os << r.bindingSid().value();
-    }
-    os << " lists";
+    os << "path " << key(nlri) << " pref " << r.preference().value() << " bsid "
+       << (r.bindingSid().isNone() ? "none" : std::to_string(r.bindingSid().value())) << " lists";
     for (auto const* l = r.segmentListBegin(); l != r.segmentListEnd(); ++l) {
       os << ' ' << l->weight().value() << ':';
       for (U32 i = 0; i < l->segList().size(); ++i)
