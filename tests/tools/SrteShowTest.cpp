@@ -267,8 +267,12 @@ TEST_F(SrteShowTest, ReadersShareOneSnapshotAndTheirNumberIsBounded) {
   std::vector<int> readers;
   for (int i = 0; i < stalled; ++i)
     readers.push_back(AgentTesting::connectTo(socket_));
-  // Served in order: once this reader has its state, the stalled ones have theirs queued.
-  ASSERT_EQ(runProgram(SRTE_SHOW, {"--socket", socket_, "--json"}).status, 0);
+  // Served in order: once this reader has its state, the stalled ones have theirs queued (which
+  // took over 20 s under the sanitizers on a loaded machine: the bounds are a minute).
+  ASSERT_EQ(runProgram(SRTE_SHOW, {"--socket", socket_, "--json", "--timeout", "60"},
+                       std::chrono::seconds(60))
+                .status,
+            0);
   EXPECT_LT(AgentTesting::residentKb(agent.pid()) - before, 16 * 1024)
       << stalled << " stalled readers";
 
