@@ -122,12 +122,11 @@ struct Watched {
     }
   }
   // Reads lines until none has come for `quietMs`.
-  bool settle(int quietMs) {
+  void settle(int quietMs) {
     for (U64 before = ~U64(0); before != lines;) {
       before = lines;
       drain(quietMs);
     }
-    return true;
   }
 };
 

@@ -83,10 +83,6 @@ double sample(std::string const& exposition, std::string const& series) {
   return -1;
 }
 
-U16 portOf(std::string const& address) {
-  return static_cast<U16>(std::stoi(address.substr(address.rfind(':') + 1)));
-}
-
 // A port nobody listens on now.
 U16 freePort() {
   int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -368,7 +364,8 @@ TEST(ServiceMetrics, ExpositionCountsHttpAndAPrometheusScrape) {
   TestTable const table("metrics");
   AgentProcess agent{{"--platform", examples + "/01-two-sources.json", "--source", "bgp=" + table,
                       "--metrics", "127.0.0.1:0", "--poll-ms", "5"}};
-  U16 const port = portOf(agent.until("started").back().value("metrics", std::string(":0")));
+  std::string const metrics = agent.until("started").back().value("metrics", std::string(":0"));
+  U16 const port = static_cast<U16>(std::stoi(metrics.substr(metrics.rfind(':') + 1)));
   ASSERT_NE(port, 0) << "no metrics address in the started line";
   // A client that connects and sends half a request must not hold up the scrape.
   int stalled = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
