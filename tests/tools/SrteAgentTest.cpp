@@ -274,7 +274,7 @@ TEST(AgentProcess, TablesAppearingVanishingDamagedAndCutShortMoveExactlyTheirPol
   TestSupport::damageTable(bgp);
   lineOf(agent, "source-corrupt", "bgp");
   EXPECT_EQ(publishedGists(agent, 2), (Gists{"fec removed vias 1", "policy removed 192.0.2.3"}));
-  for (OrderedJson l; !(l = agent.next(milliseconds(300))).is_null();)
+  if (OrderedJson l = agent.next(milliseconds(300)); !l.is_null())
     ADD_FAILURE() << "said again: " << l.dump();
   Skerry::shmTableRemove(bgp);
   addCandidate(bgp, "bgp", "192.0.2.3", "", {"16003"});
